@@ -1,0 +1,125 @@
+// The address book: contacts in a compressed prefix tree over names, and up
+// to 50 groups whose members point at contacts. Results are reported as
+// texts in the shared reply buffer and through return values.
+//
+// The contact table (names compared ignoring case):
+//
+//   trie_root ("")
+//      |sibling
+//      v
+//     "An" --child--> "n" [Ann 555] --child--> "a" [Anna 123, Anna 456]
+//      |sibling                |sibling
+//      v                       v
+//     "Bob" [Bob 777]         "ja" [Anja 42]
+//
+// A node's name is the concatenation of the labels on its path; entries of
+// one name hang off its node ordered by number. Sibling chains are ordered
+// by the lower-cased first byte of their labels.
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "common/text.h"
+
+namespace smsgw {
+
+struct Entry {
+    std::string name;  // as supplied when inserted (letter case kept)
+    std::string number;
+    std::string description;      // may hold line breaks
+    std::unique_ptr<Entry> next;  // next entry of the same name, by number
+};
+
+struct TrieNode {
+    std::string label;
+    std::unique_ptr<Entry> entries;  // none for an inner node
+    std::unique_ptr<TrieNode> sibling;
+    std::unique_ptr<TrieNode> child;
+};
+
+struct GroupMember {
+    Entry* member_entry = nullptr;  // never owned
+    std::unique_ptr<GroupMember> next;
+};
+
+struct Group {
+    std::string group_name;
+    uint32_t member_count = 0;
+    std::unique_ptr<GroupMember> members;
+    GroupMember* last_member = nullptr;
+    std::unique_ptr<Group> next;
+};
+
+class AddressBook {
+  public:
+    static constexpr int MAX_ELEMENTS = 20000;
+    static constexpr int MAX_GROUPS = 50;
+
+    // REQUIRES: reply outlives the address book.
+    explicit AddressBook(ReplyBuffer& reply);
+    ~AddressBook();  // iterative teardown: no recursion over long chains
+    AddressBook(const AddressBook&) = delete;
+    AddressBook& operator=(const AddressBook&) = delete;
+
+    ReplyBuffer& reply() { return reply_; }
+
+    // ---- contact table ----
+    // The node holding the new entry, or nullptr when nothing was stored
+    // (limit: "Exceeded MAX Limit"; duplicate: "ERROR:Rejected - Duplicate
+    // Entry"). Success leaves "SUCCESS" in the reply buffer.
+    TrieNode* ab_insert(std::string_view name, std::string_view number,
+                        std::string_view description);
+    // "SUCCESS" and the node, or "ERROR:Key Not Found" and nullptr.
+    TrieNode* ab_find(std::string_view name);
+    // The entry of the list with that number (byte-wise), reply untouched.
+    static Entry* ab_find_number(Entry* first, std::string_view number);
+    int ab_delete_entry(std::string_view name, std::string_view number);
+    int ab_delete_name(std::string_view name);
+    // Listings write to list_output; see list_index / listed_count.
+    int ab_list_page(int start);
+    int ab_list_prefix_page(std::string_view prefix, int start);
+    int ab_list_by_number(std::string_view number);
+    // Every entry in table order (name ignoring case, then number).
+    void ab_for_each_entry(const std::function<void(Entry&)>& visitor);
+
+    // ---- groups ----
+    Group* group_create(std::string_view name);
+    Group* group_find(std::string_view name);
+    int group_delete(std::string_view name, int keep);
+    int group_add_member(std::string_view group_name, Entry* entry);
+    int group_add_member_to(Group* group, Entry* entry);
+    // "SUCCESS" or the error text (also left in the reply buffer).
+    std::string group_remove_member(Group* group, Entry* entry);
+    void group_purge_entry(Entry* entry, int mode, Entry* replacement);
+    int group_add_contact(std::string_view group_name, std::string_view contact_name);
+    void group_fill_all(Group* group);
+    int group_list_page(int start);
+    int group_list_members_page(Group* group, int start);
+    int group_append_loaded(std::string_view name);
+    void group_append_member(Group* group, Entry* entry);
+    void group_add_by_position(int position, Entry* entry);
+    void group_write_memberships(FILE* stream, std::string_view name, std::string_view number);
+    // Groups after the list head, in list order.
+    Group* first_group() { return group_list_.next.get(); }
+
+    // ---- state shared with the listing callers ----
+    int entry_count = 0;
+    int group_count = 0;
+    FILE* list_output = nullptr;
+    int list_index = 0;
+    int listed_count = 0;
+
+    TrieNode& trie_root() { return trie_root_; }
+
+  private:
+    ReplyBuffer& reply_;
+    TrieNode trie_root_;
+    Group group_list_;
+};
+
+}  // namespace smsgw

@@ -1,0 +1,42 @@
+// Local datagram endpoints and the outgoing messages several subsystems
+// share: replies to txrx, the database notice, the http-client sender.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include "common/fileops.h"
+#include "common/runtime.h"
+
+namespace smsgw {
+
+// UDP socket bound to 127.0.0.1:port; invalid Fd on failure.
+Fd bind_udp(uint16_t port);
+// Unix datagram socket bound to path (any file there is removed first).
+Fd bind_unix_dgram(const std::string& path);
+bool set_nonblocking(int fd);
+
+// Forwarding socket: points rt.peer_addr at 127.0.0.1:port (as the daemon
+// always did) and returns a fresh UDP socket bound to any address, port 0.
+Fd forwarding_socket(Runtime& rt, uint16_t port);
+
+// Sends one datagram to 127.0.0.1:port from a fresh socket. Result of sendto.
+ssize_t send_udp(uint16_t port, const void* data, size_t len);
+
+// Control datagram to txrx: text (at most 99 characters) NUL-padded to
+// 100 bytes, sent to the txrx port. "SUCCESS", or "ERROR" when no socket.
+const char* reply_to_txrx(const Runtime& rt, std::string_view text);
+
+// "add PATH" with its NUL from rt.sql_sms_fd to the database writer's
+// socket "/var/run/SQL_SMS". Returns bytes sent or -1.
+ssize_t database_notice(const Runtime& rt, const std::string& path);
+
+// The text with its NUL to the settings listener (port 30303).
+// "SUCCESS", or "ERROR" when no socket could be opened.
+const char* send_to_http_client(const Runtime& rt, std::string_view text);
+
+}  // namespace smsgw

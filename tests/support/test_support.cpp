@@ -1,0 +1,263 @@
+#include "support/test_support.h"
+
+#include <arpa/inet.h>
+#include <dirent.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <random>
+#include <sstream>
+#include <thread>
+
+namespace smsgw::test {
+
+namespace {
+
+void remove_tree(const std::string& path) {
+    struct stat st {};
+    if (::lstat(path.c_str(), &st) != 0) return;
+    if (S_ISDIR(st.st_mode)) {
+        if (DIR* d = ::opendir(path.c_str())) {
+            while (dirent* e = ::readdir(d)) {
+                std::string n = e->d_name;
+                if (n == "." || n == "..") continue;
+                remove_tree(path + "/" + n);
+            }
+            ::closedir(d);
+        }
+        ::rmdir(path.c_str());
+    } else {
+        ::unlink(path.c_str());
+    }
+}
+
+void mkdirs(const std::string& path) {
+    for (size_t i = 1; i <= path.size(); ++i)
+        if (i == path.size() || path[i] == '/') ::mkdir(path.substr(0, i).c_str(), 0755);
+}
+
+sockaddr_in loopback(int port) {
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_port = htons(static_cast<uint16_t>(port));
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    return a;
+}
+
+std::optional<std::string> receive_on(int fd, std::chrono::milliseconds deadline) {
+    pollfd p{fd, POLLIN, 0};
+    if (::poll(&p, 1, static_cast<int>(deadline.count())) <= 0) return std::nullopt;
+    char buf[70000];
+    ssize_t n = ::recv(fd, buf, sizeof buf, 0);
+    if (n < 0) return std::nullopt;
+    return std::string(buf, static_cast<size_t>(n));
+}
+
+// Ends every process whose program (argv[0]) lies under root.
+void kill_root_children(const std::string& root) {
+    DIR* d = ::opendir("/proc");
+    if (!d) return;
+    while (dirent* e = ::readdir(d)) {
+        pid_t pid = static_cast<pid_t>(std::atoi(e->d_name));
+        if (pid <= 0) continue;
+        std::ifstream in("/proc/" + std::string(e->d_name) + "/cmdline", std::ios::binary);
+        std::string arg0;
+        std::getline(in, arg0, '\0');
+        if (arg0.compare(0, root.size() + 1, root + "/") == 0) ::kill(pid, SIGKILL);
+    }
+    ::closedir(d);
+}
+
+}  // namespace
+
+TempDir::TempDir() {
+    const char* base = std::getenv("TMPDIR");
+    std::string tmpl = std::string(base && *base ? base : "/tmp") + "/smsgw-test-XXXXXX";
+    std::vector<char> buf(tmpl.begin(), tmpl.end());
+    buf.push_back('\0');
+    if (::mkdtemp(buf.data()) == nullptr) std::abort();
+    path_ = buf.data();
+}
+
+TempDir::~TempDir() {
+    remove_tree(path_);
+}
+
+int random_port_offset() {
+    static std::mt19937 rng{std::random_device{}()};
+    // Ports 20202+off .. 30303+off must stay below 65536.
+    return 100 + static_cast<int>(rng() % 3000) * 10;
+}
+
+void write_file(const std::string& path, const std::string& content) {
+    size_t slash = path.rfind('/');
+    if (slash != std::string::npos) mkdirs(path.substr(0, slash));
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out << content;
+}
+
+std::string read_file(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::stringstream ss;
+    ss << in.rdbuf();
+    return ss.str();
+}
+
+bool exists(const std::string& path) {
+    struct stat st {};
+    return ::lstat(path.c_str(), &st) == 0;
+}
+
+bool wait_for(const std::function<bool()>& pred, std::chrono::milliseconds deadline) {
+    auto end = std::chrono::steady_clock::now() + deadline;
+    while (std::chrono::steady_clock::now() < end) {
+        if (pred()) return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return pred();
+}
+
+void prepare_root(const std::string& root) {
+    for (const char* d : {"var/run", "var/config", "var/Jobs", "var/Outbox", "var/Inbox",
+                          "var/AddressBook", "var/tmp", "tmp", "dev", "bin", "sbin"})
+        mkdirs(root + "/" + d);
+    // A header and no records: the daemon only updates records it finds.
+    write_file(root + "/var/config/api_stat.st", std::string(4, '\0'));
+    for (const char* f : {"trigger_broadcast", "preconf_sms", "trigger_ctrl", "authenticate_list"})
+        write_file(root + "/var/config/" + f, "");
+    ::symlink(TXRX_SIM_PATH, (root + "/bin/txrx").c_str());
+    const std::string recorder =
+        "#!/bin/sh\necho \"$(basename \"$0\") $*\" >> \"$SMSGW_ROOT/calls.log\"\n";
+    for (const char* p :
+         {"bin/msntp", "bin/http-client", "bin/date", "sbin/create_address_book_tar"}) {
+        write_file(root + "/" + p, recorder);
+        ::chmod((root + "/" + p).c_str(), 0755);
+    }
+}
+
+Daemon::Daemon(std::string root, int port_offset, std::vector<std::string> extra_args)
+    : root_(std::move(root)), offset_(port_offset), err_path_(root_ + "/daemon.stderr") {
+    std::vector<std::string> argv = {SMSGWD_PATH, "--root", root_, "--port-offset",
+                                     std::to_string(offset_)};
+    argv.insert(argv.end(), extra_args.begin(), extra_args.end());
+    pid_ = ::fork();
+    if (pid_ == 0) {
+        int err = ::open(err_path_.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
+        if (err >= 0) {
+            ::dup2(err, 2);
+            ::dup2(err, 1);
+        }
+        std::vector<char*> args;
+        for (auto& a : argv) args.push_back(a.data());
+        args.push_back(nullptr);
+        ::execv(args[0], args.data());
+        ::_exit(127);
+    }
+}
+
+Daemon::~Daemon() {
+    kill_now(SIGKILL);
+    kill_root_children(root_);
+}
+
+void Daemon::kill_now(int sig) {
+    if (pid_ <= 0) return;
+    ::kill(pid_, sig);
+    if (sig == SIGKILL) {
+        ::waitpid(pid_, nullptr, 0);
+        pid_ = -1;
+    }
+}
+
+bool Daemon::running() {
+    if (pid_ <= 0) return false;
+    int status = 0;
+    pid_t r = ::waitpid(pid_, &status, WNOHANG);
+    if (r == pid_) {
+        pid_ = -1;
+        return false;
+    }
+    return true;
+}
+
+bool Daemon::wait_ready(std::chrono::milliseconds deadline) {
+    auto end = std::chrono::steady_clock::now() + deadline;
+    UdpClient c;
+    while (std::chrono::steady_clock::now() < end) {
+        if (!running()) return false;
+        auto r = c.request(20205 + offset_, "get-sms total-entries groups^|^",
+                           std::chrono::milliseconds(300));
+        if (r) return true;
+    }
+    return false;
+}
+
+std::string Daemon::stderr_text() const {
+    return read_file(err_path_);
+}
+
+UdpClient::UdpClient() {
+    fd_ = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    sockaddr_in a = loopback(0);
+    ::bind(fd_, reinterpret_cast<sockaddr*>(&a), sizeof a);
+}
+
+UdpClient::~UdpClient() {
+    if (fd_ >= 0) ::close(fd_);
+}
+
+void UdpClient::send_to(int port, const std::string& data) {
+    sockaddr_in a = loopback(port);
+    ::sendto(fd_, data.data(), data.size(), 0, reinterpret_cast<sockaddr*>(&a), sizeof a);
+}
+
+std::optional<std::string> UdpClient::receive(std::chrono::milliseconds deadline) {
+    return receive_on(fd_, deadline);
+}
+
+std::optional<std::string> UdpClient::request(int port, const std::string& text,
+                                              std::chrono::milliseconds deadline) {
+    // Drop a late reply to an earlier request.
+    while (receive_on(fd_, std::chrono::milliseconds(0))) {
+    }
+    send_to(port, std::to_string(text.size()));
+    send_to(port, text);
+    return receive(deadline);
+}
+
+int UdpClient::port() const {
+    sockaddr_in a{};
+    socklen_t len = sizeof a;
+    ::getsockname(fd_, reinterpret_cast<sockaddr*>(&a), &len);
+    return ntohs(a.sin_port);
+}
+
+UdpListener::UdpListener(int port) {
+    fd_ = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    sockaddr_in a = loopback(port);
+    if (::bind(fd_, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0) {
+        ::close(fd_);
+        fd_ = -1;
+    }
+}
+
+UdpListener::~UdpListener() {
+    if (fd_ >= 0) ::close(fd_);
+}
+
+std::optional<std::string> UdpListener::receive(std::chrono::milliseconds deadline) {
+    if (fd_ < 0) return std::nullopt;
+    return receive_on(fd_, deadline);
+}
+
+}  // namespace smsgw::test

@@ -1,0 +1,109 @@
+// Test support: a sandbox root in a temporary directory, a random port
+// offset, the real daemon started on them, and a web-interface client.
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace smsgw::test {
+
+// A fresh temporary directory, removed with everything in it at the end.
+class TempDir {
+  public:
+    TempDir();
+    ~TempDir();
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+    const std::string& path() const { return path_; }
+    std::string operator/(const std::string& rel) const { return path_ + "/" + rel; }
+
+  private:
+    std::string path_;
+};
+
+// A port offset unlikely to collide with other tests running at once.
+int random_port_offset();
+
+// Writes a file (creating its directories).
+void write_file(const std::string& path, const std::string& content);
+std::string read_file(const std::string& path);  // "" when missing
+bool exists(const std::string& path);
+
+// Polls until pred() holds or the deadline passes; returns pred()'s last value.
+bool wait_for(const std::function<bool()>& pred,
+              std::chrono::milliseconds deadline = std::chrono::milliseconds(5000));
+
+// Prepares a sandbox root: the directories the daemon expects, an empty
+// api status file, and DIR/bin/txrx (the simulator), DIR/bin/msntp,
+// DIR/bin/http-client and DIR/bin/date, DIR/sbin/create_address_book_tar
+// as small recording scripts.
+void prepare_root(const std::string& root);
+
+// The running daemon; stopped with SIGKILL (and reaped) on destruction,
+// together with the txrx processes started for its root.
+class Daemon {
+  public:
+    Daemon(std::string root, int port_offset, std::vector<std::string> extra_args = {});
+    ~Daemon();
+    Daemon(const Daemon&) = delete;
+    Daemon& operator=(const Daemon&) = delete;
+
+    // Waits until the daemon answers a management command.
+    bool wait_ready(std::chrono::milliseconds deadline = std::chrono::milliseconds(10000));
+    void kill_now(int sig = 9);
+    bool running();
+    pid_t pid() const { return pid_; }
+    const std::string& root() const { return root_; }
+    int offset() const { return offset_; }
+    // Standard error captured so far.
+    std::string stderr_text() const;
+
+  private:
+    std::string root_;
+    int offset_;
+    pid_t pid_ = -1;
+    std::string err_path_;
+};
+
+// A UDP client on 127.0.0.1.
+class UdpClient {
+  public:
+    UdpClient();
+    ~UdpClient();
+    UdpClient(const UdpClient&) = delete;
+    UdpClient& operator=(const UdpClient&) = delete;
+    void send_to(int port, const std::string& data);
+    // One datagram, or nullopt when none arrives in time.
+    std::optional<std::string> receive(
+        std::chrono::milliseconds deadline = std::chrono::milliseconds(3000));
+    // The web-interface framing: the length datagram, then the request.
+    std::optional<std::string> request(
+        int port, const std::string& text,
+        std::chrono::milliseconds deadline = std::chrono::milliseconds(5000));
+    int port() const;  // the local port
+
+  private:
+    int fd_ = -1;
+};
+
+// A UDP socket bound to 127.0.0.1:port (a fake peer such as txrx's port).
+class UdpListener {
+  public:
+    explicit UdpListener(int port);
+    ~UdpListener();
+    UdpListener(const UdpListener&) = delete;
+    UdpListener& operator=(const UdpListener&) = delete;
+    bool ok() const { return fd_ >= 0; }
+    std::optional<std::string> receive(
+        std::chrono::milliseconds deadline = std::chrono::milliseconds(3000));
+
+  private:
+    int fd_ = -1;
+};
+
+}  // namespace smsgw::test

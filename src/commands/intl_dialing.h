@@ -31,4 +31,13 @@ class DialingSegment {
     volatile int32_t* word_ = nullptr;
 };
 
+// "get-sms international-dialing KEY^|^": "checked" or "" for KEY "dialing",
+// the number for "max-digits"; "ERROR" for another key or no file.
+std::string get_international_dialing(const Runtime& rt, const DialingSegment& seg,
+                                      std::string_view key);
+// "add-sms international-dialing KEY^|^VALUE^|^": rewrites the matching
+// line through "/var/run/temp_file_test" and updates the segment.
+std::string set_international_dialing(const Runtime& rt, DialingSegment& seg, std::string_view key,
+                                      std::string_view value);
+
 }  // namespace smsgw

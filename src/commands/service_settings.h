@@ -17,4 +17,10 @@ std::string get_conf_value(const std::string& path, std::string_view key, std::s
 int write_conf_value(const Runtime& rt, const std::string& path, std::string_view key,
                      std::string_view value);
 
+// The settings commands; each tells txrx and the HTTP client and stores the
+// value. They reply "SUCCESS" whatever the notices and writes gave.
+std::string set_sms_timer(const Runtime& rt, std::string_view seconds);
+std::string set_sms_status(const Runtime& rt, std::string_view state);
+std::string set_signal_strength_cmd(const Runtime& rt, std::string_view command);
+
 }  // namespace smsgw

@@ -1,0 +1,369 @@
+#include "core/daemon.h"
+
+#include <arpa/inet.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/ioctl.h>
+#include <sys/select.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstring>
+#include <thread>
+
+#include "addressbook/address_book_files.h"
+#include "addressbook/csv.h"
+#include "common/bytes.h"
+#include "common/fileops.h"
+#include "common/net.h"
+#include "common/spawn.h"
+#include "common/text.h"
+#include "common/timer.h"
+#include "common/trace.h"
+#include "core/signals.h"
+#include "send/stats.h"
+
+namespace smsgw {
+
+namespace {
+
+constexpr size_t kTxrxReportMax = 210;
+constexpr size_t kLbMessageMax = 64;
+constexpr size_t kLbMaxFields = 6;
+constexpr size_t kLengthDatagramMax = 6;
+constexpr long kRequestMax = 65507;  // largest UDP payload
+constexpr size_t kReplyMax = 599;
+// A length datagram whose request does not follow within this time is
+// dropped, so a half-sent request cannot stall the loop.
+constexpr int kRequestWaitMs = 1000;
+constexpr auto kDialoutStopWait = std::chrono::seconds(2);
+
+bool process_gone(pid_t pid) {
+    return ::kill(pid, 0) != 0 || process_state(pid) == "zombie";
+}
+
+}  // namespace
+
+SmsGateway::SmsGateway(std::string root, int port_offset, std::vector<std::string> spool_dirs)
+    : rt_(std::move(root), port_offset),
+      ab_(rt_.reply_buffer),
+      rules_(rt_),
+      parser_(rt_, ab_, rules_, dialing_),
+      sender_(rt_, ab_),
+      queue_(rt_, sender_),
+      triggers_(rt_, ab_, rules_, sender_, queue_),
+      txrx_(rt_) {
+    rt_.spool_dirs = std::move(spool_dirs);
+}
+
+SmsGateway::~SmsGateway() = default;
+
+int SmsGateway::run() {
+    if (!start_up()) return 0;
+    start_waiting_on_select();
+    return 0;
+}
+
+bool SmsGateway::start_up() {
+    touch_file(rt_.path("/var/run/init_address_book"));
+    ::openlog("modem", LOG_CONS | LOG_PERROR, LOG_LOCAL0);
+    install_user_signal_handlers();
+    remove_file(rt_.path("/var/run/wirelessmodems"));
+    kill_stale_children(rt_);
+
+    find_wireless_modems(rt_);
+    trace("no_of_modems - %d\n", rt_.no_of_modems);
+    if (rt_.no_of_modems < 1) {
+        // The usual single modem is assumed even when it did not answer.
+        put_in_file(rt_.path("/var/run/wirelessmodems"), "/dev/ttyS0");
+        ++rt_.no_of_modems;
+    }
+
+    if (init_directories_and_files(rt_)) sms_users_ = read_sms_users(rt_);
+    ab_load(ab_, rt_);
+    dialing_.attach_dialing_segment(rt_);
+
+    if (!ep_.open_all(rt_)) return false;
+    rt_.sql_sms_fd = ep_.sql_sms.get();
+
+    txrx_.spawn_txrx_for_each_modem();
+    start_time_client_timer();
+
+    queue_.init_job_pos_table();
+    queue_.load_job_pos_table();
+    queue_.repair_pending_file();
+
+    install_child_handler();
+    return true;
+}
+
+void SmsGateway::start_waiting_on_select() {
+    trace("start_waiting_on_select function\n");
+    for (;;) {
+        fd_set read_set;
+        FD_ZERO(&read_set);
+        for (int fd : {ep_.txrx_in.get(), ep_.lb.get(), ep_.gui.get()}) {
+            FD_SET(fd, &read_set);
+            maxfd_ = std::max(maxfd_, fd);
+        }
+        timeval timeout{2, 0};
+        int ready = ::select(maxfd_ + 1, &read_set, nullptr, nullptr, &timeout);
+        apply_signals();
+
+        if (rt_.job_outstanding == 0) queue_.create_job_from_pending_jobs(0);
+        if (take_save_request()) {
+            save_address_book_on_request();
+            continue;
+        }
+        if (take_child_exited()) txrx_.txrx_monitor();
+        if (ready <= 0) continue;
+
+        if (FD_ISSET(ep_.txrx_in.get(), &read_set)) handle_txrx_report();
+        if (FD_ISSET(ep_.lb.get(), &read_set) && handle_load_balancer() == PassEnd::EndPass)
+            continue;
+        if (FD_ISSET(ep_.gui.get(), &read_set)) handle_gui_request();
+    }
+}
+
+// The handlers only raised flags; their work happens here, between passes.
+void SmsGateway::apply_signals() {
+    if (take_counter_reset()) rt_.jobs_to_txrx_count = 0;
+    if (take_time_client_alarm()) {
+        txrx_.track(spawn_program({rt_.path("/bin/msntp")}));
+    }
+}
+
+void SmsGateway::save_address_book_on_request() {
+    const std::string marker = rt_.path("/var/run/save_flg_file");
+    append_file(marker, "save_flag==1\n");
+    std::string reply = parser_.parse_command("save-address-book ^|^");
+    append_file(marker, "after strcpy,parse\n");
+    trace("save-address-book - %s\n", reply.c_str());
+    parser_.release_token();
+    remove_file(rt_.path("/var/run/save_flag_file"));
+}
+
+ssize_t SmsGateway::receive(int fd, void* buf, size_t len, int flags) {
+    sockaddr_in from{};
+    socklen_t from_len = sizeof from;
+    ssize_t n = ::recvfrom(fd, buf, len, flags, reinterpret_cast<sockaddr*>(&from), &from_len);
+    // Whoever sent the datagram read last gets the next reply.
+    if (n >= 0 && from_len == sizeof from && from.sin_family == AF_INET) rt_.peer_addr = from;
+    return n;
+}
+
+void SmsGateway::handle_txrx_report() {
+    char report[kTxrxReportMax + 1] = {};
+    ssize_t n = receive(ep_.txrx_in.get(), report, kTxrxReportMax);
+    trace("Read something - fd - %d - n - %d\n", ep_.txrx_in.get(), static_cast<int>(n));
+    if (n <= 0) {
+        rt_.job_outstanding = 0;
+        return;
+    }
+    trace("Received from txrx = %s\n", report);
+    if (std::strncmp(report, "P_JB", 4) == 0) {
+        rt_.job_outstanding = 0;
+        return;
+    }
+    // The first four bytes are the report's tag; the record may hold NULs.
+    const size_t len = static_cast<size_t>(n);
+    std::string_view incoming(report + std::min<size_t>(4, len), len > 4 ? len - 4 : 0);
+    if (triggers_.getactionobject(incoming) != 0 || rt_.txrx_hold != 0) return;
+    Fd fwd = forwarding_socket(rt_, rt_.ports.txrx_out());
+    if (!fwd) return;
+    const auto& reply = triggers_.action_reply();
+    ::sendto(fwd.get(), reply.data(), reply.size(), 0,
+             reinterpret_cast<const sockaddr*>(&rt_.peer_addr), sizeof rt_.peer_addr);
+}
+
+SmsGateway::PassEnd SmsGateway::handle_load_balancer() {
+    char message[kLbMessageMax + 1] = {};
+    ssize_t n = receive(ep_.lb.get(), message, kLbMessageMax);
+    if (n <= 0) return PassEnd::EndPass;
+    std::string_view text(message);  // up to the first NUL
+    if (text.find("LB_OK") == std::string_view::npos) return PassEnd::Continue;
+    act_on_load_balancer(split_fields(text, " ", kLbMaxFields));
+    return PassEnd::EndPass;
+}
+
+void SmsGateway::act_on_load_balancer(const std::vector<std::string_view>& f) {
+    const size_t count = f.size();
+    const bool wants_work = count >= 2 && starts_with(f[1], "request");
+    if (count == 0) return;
+    if (count == 1 || count == 2) {
+        if (count == 1 || wants_work) queue_.create_job_from_pending_jobs(1);
+        return;
+    }
+    const int request_id = c_atoi(f[2]);
+    if (count <= 4) {
+        // A message cut after the id carries no result: like an error, but
+        // there is nothing to say about the slave's outbox file.
+        if (count == 3 || starts_with(f[3], "ERROR")) {
+            if (request_id > 0) set_api_status(rt_, request_id, 7);
+            if (count == 4) remove_file(rt_.path("/var/Outbox/outbox_slave_tmp"));
+        } else {
+            std::string_view result = f[3];
+            size_t colon = result.find(':');
+            std::string address(result.substr(0, colon));
+            rt_.slave_address = ::inet_addr(address.c_str());
+            rt_.slave_result =
+                colon == std::string_view::npos ? 0 : c_atoi(result.substr(colon + 1));
+            if (request_id > 0) set_api_status(rt_, request_id, 6);
+            outbox_slave_update();
+        }
+    } else {
+        rt_.slave_result = 5;
+        if (request_id > 0) set_api_status(rt_, request_id, 8);
+        outbox_slave_update();
+    }
+    if (wants_work) queue_.create_job_from_pending_jobs(1);
+}
+
+// The slave's outbox record ends with its result: the first word holds the
+// offset of that field minus 4.
+void SmsGateway::outbox_slave_update() {
+    const std::string path = rt_.path("/var/Outbox/outbox_slave_tmp");
+    FilePtr file = open_file(path, "r+");
+    if (!file) return;
+    unsigned char word[4];
+    if (std::fread(word, 1, sizeof word, file.get()) != sizeof word) return;
+    const long long offset = static_cast<long long>(get_i32(word)) + 4;
+    // Only a position inside the record or at its end: a forged offset
+    // must not grow the file.
+    if (offset < 4 || offset > file_size(path)) return;
+    put_i32(word, rt_.slave_result);
+    if (std::fseek(file.get(), static_cast<long>(offset), SEEK_SET) != 0) return;
+    std::fwrite(word, 1, sizeof word, file.get());
+    file.reset();
+    if (database_notice(rt_, path) < 1) remove_file(path);
+}
+
+void SmsGateway::handle_gui_request() {
+    const int fd = ep_.gui.get();
+    int waiting = 0;
+    ::ioctl(fd, FIONREAD, &waiting);
+    trace("FIONREAD - n - %d\n", waiting);
+    if (waiting <= 0) {
+        // An empty datagram: take it off the queue, or the socket would
+        // stay readable and hide the requests behind it.
+        char none;
+        receive(fd, &none, 0, MSG_DONTWAIT);
+        return;
+    }
+
+    char length_text[kLengthDatagramMax + 1] = {};
+    receive(fd, length_text, kLengthDatagramMax);
+    long announced = std::clamp<long>(c_atoi(length_text), 0, kRequestMax);
+
+    pollfd p{fd, POLLIN, 0};
+    if (::poll(&p, 1, kRequestWaitMs) <= 0) return;
+    int next_size = 0;
+    ::ioctl(fd, FIONREAD, &next_size);
+    // Never more than what actually arrived, whatever was announced.
+    size_t size = static_cast<size_t>(std::min<long>(announced, std::max(next_size, 0)));
+    std::string request(size, '\0');
+    ssize_t n = receive(fd, request.data(), size, MSG_DONTWAIT);
+    request.resize(n > 0 ? static_cast<size_t>(n) : 0);
+    request.resize(std::strlen(request.c_str()));
+    trace("---%s---", request.c_str());
+
+    // Handlers may point peer_addr at txrx; the reply goes to the requester.
+    const sockaddr_in requester = rt_.peer_addr;
+    std::string reply;
+    bool answer = true;
+    if (starts_with(request, "send-sms")) {
+        answer = on_send_sms(request, reply);
+    } else if (starts_with(request, "CSVFILE")) {
+        answer = on_csv_file(reply);
+    } else if (starts_with(request, "CSVEXPORT")) {
+        answer = on_csv_export(reply);
+    } else if (starts_with(request, "DialoutRequest")) {
+        answer = on_dialout_request(reply);
+    } else if (starts_with(request, "DialoutRelease")) {
+        answer = on_dialout_release(reply);
+    } else {
+        reply = parser_.parse_command(request);
+    }
+    parser_.release_token();
+    rt_.peer_addr = requester;
+    if (answer) send_gui_reply(reply);
+}
+
+bool SmsGateway::on_send_sms(const std::string& request, std::string& reply) {
+    trace("In SENDSMS\n");
+    if (triggers_.api_ProcessTrigs(request) != 0) {
+        reply = "OK";
+        return true;
+    }
+    if (rt_.job_outstanding == 1) {
+        queue_.add_to_pending_jobs(request);
+        reply = "OK";
+        return true;
+    }
+    ++rt_.jobs_to_txrx_count;
+    sender_.hand_off_job(request);
+    reply.clear();
+    return true;
+}
+
+bool SmsGateway::on_csv_file(std::string& reply) {
+    const std::string upload = rt_.path("/var/run/AddressBook.csv");
+    csv_import(ab_, rt_, upload);
+    write_file(upload, "");
+    remove_file(rt_.path("/var/run/csv_frmt.dat"));
+    reply.clear();
+    return true;
+}
+
+bool SmsGateway::on_csv_export(std::string& reply) {
+    FilePtr location = open_fixed_temp(rt_.path("/var/run/csv_export_file_location_file"));
+    if (!location) return false;
+    const std::string export_path = rt_.path("/var/run/QX_Address_Book.csv");
+    std::fprintf(location.get(), "%s\n", export_path.c_str());
+    location.reset();
+    csv_export(ab_, export_path);
+    reply = export_path;
+    run_program({rt_.path("/sbin/create_address_book_tar")}, ChildOutput::DevNull);
+    return true;
+}
+
+bool SmsGateway::on_dialout_request(std::string& reply) {
+    reply.clear();
+    // The txrx about to be stopped must not be restarted by its own exit.
+    ignore_child_signals();
+    FilePtr pid_file = open_file(rt_.path("/var/run/txrx_pid_file"), "r");
+    if (!pid_file) return true;
+    char line[20] = {};
+    if (!std::fgets(line, sizeof line, pid_file.get())) line[0] = '\0';
+    pid_file.reset();
+    const int pid = c_atoi(line);
+    if (pid > 1 && pid != ::getpid()) {
+        ::kill(pid, SIGTERM);
+        auto deadline = std::chrono::steady_clock::now() + kDialoutStopWait;
+        while (!process_gone(pid) && std::chrono::steady_clock::now() < deadline)
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        ::waitpid(pid, nullptr, WNOHANG);
+    }
+    rt_.txrx_enabled = 0;
+    return true;
+}
+
+bool SmsGateway::on_dialout_release(std::string& reply) {
+    reply.clear();
+    install_child_handler();
+    txrx_.spawn_txrx_for_each_modem();
+    rt_.txrx_enabled = 1;
+    return true;
+}
+
+void SmsGateway::send_gui_reply(std::string_view reply) {
+    const size_t len = std::min(reply.size(), kReplyMax);
+    ::sendto(ep_.gui.get(), reply.data(), len, 0, reinterpret_cast<const sockaddr*>(&rt_.peer_addr),
+             sizeof rt_.peer_addr);
+}
+
+}  // namespace smsgw

@@ -1,0 +1,77 @@
+// The daemon: one context object that owns every subsystem in dependency
+// order, the start-up sequence and the main loop. main() creates one; an
+// integration test starts the real program instead.
+//
+// Each pass of the loop (start_waiting_on_select):
+//   select (2 s) -> scheduler when no job is outstanding -> pending save
+//   (ends the pass) -> txrx check after a child exit -> one datagram per
+//   ready endpoint: txrx report, load-balancer message (one carrying
+//   "LB_OK" ends the pass), web-interface request.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include "addressbook/address_book.h"
+#include "commands/command_parser.h"
+#include "commands/intl_dialing.h"
+#include "commands/rule_lists.h"
+#include "common/runtime.h"
+#include "core/endpoints.h"
+#include "core/modems.h"
+#include "core/startup.h"
+#include "jobs/job_queue.h"
+#include "send/sender.h"
+#include "triggers/triggers.h"
+
+namespace smsgw {
+
+class SmsGateway {
+  public:
+    SmsGateway(std::string root, int port_offset, std::vector<std::string> spool_dirs);
+    ~SmsGateway();
+    SmsGateway(const SmsGateway&) = delete;
+    SmsGateway& operator=(const SmsGateway&) = delete;
+
+    // Start-up, then the loop. 0 when an endpoint cannot be opened.
+    int run();
+
+  private:
+    enum class PassEnd { Continue, EndPass };
+
+    bool start_up();
+    void start_waiting_on_select();
+
+    void apply_signals();
+    void save_address_book_on_request();
+    void handle_txrx_report();
+    PassEnd handle_load_balancer();
+    void act_on_load_balancer(const std::vector<std::string_view>& f);
+    void outbox_slave_update();
+    void handle_gui_request();
+
+    // Web-interface requests; each returns whether a reply is due.
+    bool on_send_sms(const std::string& request, std::string& reply);
+    bool on_csv_file(std::string& reply);
+    bool on_csv_export(std::string& reply);
+    bool on_dialout_request(std::string& reply);
+    bool on_dialout_release(std::string& reply);
+
+    void send_gui_reply(std::string_view reply);
+    ssize_t receive(int fd, void* buf, size_t len, int flags = 0);
+
+    Runtime rt_;
+    AddressBook ab_;
+    RuleLists rules_;
+    DialingSegment dialing_;
+    CommandParser parser_;
+    Sender sender_;
+    JobQueue queue_;
+    Triggers triggers_;
+    TxrxSupervisor txrx_;
+    Endpoints ep_;
+    SmsUsers sms_users_;
+    int maxfd_ = -1;
+};
+
+}  // namespace smsgw

@@ -1,0 +1,74 @@
+#include "core/startup.h"
+
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+
+#include "common/fileops.h"
+#include "common/spawn.h"
+#include "common/text.h"
+#include "common/trace.h"
+#include "send/stats.h"
+
+namespace smsgw {
+
+namespace {
+
+// Unpacks an archive the firmware leaves behind across a reboot and removes
+// it, so it is restored once. tar runs in `dir` and its listing is dropped.
+void restore_archive(const std::string& dir, const std::string& archive,
+                     const std::vector<std::string>& tar_args) {
+    const std::string full = archive[0] == '/' ? archive : dir + "/" + archive;
+    if (!file_exists(full)) return;
+    std::vector<std::string> argv = {"tar"};
+    argv.insert(argv.end(), tar_args.begin(), tar_args.end());
+    argv.push_back(full);
+    argv.push_back("-C");
+    argv.push_back(dir);
+    run_program(argv, ChildOutput::DevNull);
+    remove_file(full);
+}
+
+std::string current_directory() {
+    char buf[4096];
+    return ::getcwd(buf, sizeof buf) ? std::string(buf) : std::string(".");
+}
+
+}  // namespace
+
+bool init_directories_and_files(const Runtime& rt) {
+    restore_archive(rt.path("/var"), "AddressBook.tar", {"xvf"});
+    // This archive is looked for in the daemon's own working directory.
+    restore_archive(current_directory(), "Inbox.tar.gz", {"zxvf"});
+
+    make_dir(rt.path("/var/Inbox"));
+    touch_file(rt.path("/var/Inbox/smsinbox.dat"));
+    make_dir(rt.path("/var/AddressBook"));
+    touch_file(rt.path("/var/AddressBook/Address_Book"));
+    write_file(rt.path("/var/run/init_address_book"), "");
+    make_dir(rt.path("/var/Jobs"));
+
+    return ensure_sms_stats_file(rt);
+}
+
+SmsUsers read_sms_users(const Runtime& rt) {
+    SmsUsers users;
+    FilePtr file = open_file(rt.path("/var/config/sms-users"), "r");
+    if (!file) return users;
+    char line[200];
+    while (users.names.size() <= SmsUsers::kMaxUsers && std::fgets(line, sizeof line, file.get())) {
+        if (std::strcmp(line, "\n") == 0) break;
+        std::string_view text(line);
+        size_t sep = text.find(kSep);
+        if (sep == std::string_view::npos) continue;
+        std::string_view name = text.substr(0, sep);
+        if (name.size() > SmsUsers::kNameSize - 1) name = name.substr(0, SmsUsers::kNameSize - 1);
+        users.names.emplace_back(name);
+        ++users.count;
+    }
+    trace("sms users - %d\n", users.count);
+    return users;
+}
+
+}  // namespace smsgw

@@ -1,0 +1,186 @@
+// Settings files, international dialing with its shared-memory word, and
+// the notices the settings commands send to txrx and the HTTP client.
+#include <gtest/gtest.h>
+#include <sys/ipc.h>
+#include <sys/shm.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+
+#include <string>
+
+#include "commands/intl_dialing.h"
+#include "commands/service_settings.h"
+#include "support/test_support.h"
+
+using namespace smsgw;
+using smsgw::test::TempDir;
+
+namespace {
+
+class SettingsTest : public ::testing::Test {
+  protected:
+    SettingsTest() : rt(dir.path(), test::random_port_offset()) {
+        test::write_file(dir / "var/run/.keep", "");
+        test::write_file(dir / "var/config/.keep", "");
+    }
+    std::string conf() { return dir / "var/config/http_server_conf"; }
+
+    TempDir dir;
+    Runtime rt;
+};
+
+// Removes the test's segment whatever the test did.
+struct SegmentCleanup {
+    int key;
+    ~SegmentCleanup() {
+        int id = ::shmget(static_cast<key_t>(key), 0, 0);
+        if (id >= 0) ::shmctl(id, IPC_RMID, nullptr);
+    }
+};
+
+}  // namespace
+
+TEST_F(SettingsTest, SetConfValueCreatesReplacesAndAppends) {
+    EXPECT_EQ(set_conf_value(rt, conf(), "timeout", "30"), "SUCCESS");
+    EXPECT_EQ(test::read_file(conf()), "timeout=30\n");
+
+    test::write_file(conf(), "status=on\nstatus_long=x\ntimeout=1\nstatus=dup\n");
+    EXPECT_EQ(set_conf_value(rt, conf(), "status", "off"), "SUCCESS");
+    EXPECT_EQ(test::read_file(conf()), "status=off\nstatus_long=x\ntimeout=1\nstatus=off\n");
+    EXPECT_EQ(set_conf_value(rt, conf(), "new", "v"), "SUCCESS");
+    EXPECT_EQ(test::read_file(conf()), "status=off\nstatus_long=x\ntimeout=1\nstatus=off\nnew=v\n");
+
+    std::string out;
+    EXPECT_EQ(get_conf_value(conf(), "timeout", out), "SUCCESS");
+    EXPECT_EQ(out, "1");
+    EXPECT_EQ(get_conf_value(conf(), "time", out), "ERROR");
+    EXPECT_EQ(get_conf_value(dir / "none", "timeout", out), "ERROR");
+
+    EXPECT_EQ(write_conf_value(rt, dir / "var/config/api.conf", "last-done", "7"), 1);
+    EXPECT_EQ(write_conf_value(rt, dir / "var/config/api.conf", "last-done", "8"), 1);
+    EXPECT_EQ(test::read_file(dir / "var/config/api.conf"), "last-done=8\n");
+    EXPECT_EQ(write_conf_value(rt, dir / "no/such/dir/f", "k", "v"), 0);
+}
+
+TEST_F(SettingsTest, LongLinesAreReadInPieces) {
+    // A 300-byte line is read as a 255-byte piece and its rest; a key at
+    // the start of the rest counts as a line of its own.
+    std::string first(255, 'a');
+    test::write_file(conf(), first + "timeout=9\nother=1\n");
+    EXPECT_EQ(set_conf_value(rt, conf(), "timeout", "5"), "SUCCESS");
+    EXPECT_EQ(test::read_file(conf()), first + "timeout=5\nother=1\n");
+    std::string big(10000, 'z');
+    EXPECT_EQ(set_conf_value(rt, conf(), "other", big), "SUCCESS");
+    EXPECT_EQ(test::read_file(conf()), first + "timeout=5\nother=" + big + "\n");
+}
+
+TEST_F(SettingsTest, DialingLoaderStopsAtTheFirstOfTheTwoLines) {
+    std::string file = dir / "var/config/international_dialing";
+    struct Case {
+        const char* content;
+        int value;
+    } cases[] = {
+        {"int-dialing=enable\nmax-digits=14\n", 14},
+        {"int-dialing=disable\nmax-digits=14\n", 0},
+        {"max-digits=12\nint-dialing=disable\n", 12},
+        {"nothing here\n", 0},
+        {"", 0},
+        {"int-dialing=enable\nmax-digits=abc\n", 0},
+    };
+    for (const auto& c : cases) {
+        test::write_file(file, c.content);
+        EXPECT_EQ(load_international_dialing(rt), c.value) << c.content;
+    }
+    std::remove(file.c_str());
+    EXPECT_EQ(load_international_dialing(rt), 0);
+    // 500-byte lines are read in 29-byte pieces and do not hide a later line.
+    test::write_file(file, std::string(500, 'x') + "\nint-dialing=enable\n" +
+                               std::string(500, 'y') + "\nmax-digits=9\n");
+    EXPECT_EQ(load_international_dialing(rt), 9);
+}
+
+TEST_F(SettingsTest, DialingGetSetAndTheSharedWord) {
+    SegmentCleanup cleanup{rt.ports.shm_key()};
+    std::string file = dir / "var/config/international_dialing";
+    test::write_file(file, "int-dialing=disable\nmax-digits=12\n");
+    DialingSegment seg;
+    ASSERT_TRUE(seg.attach_dialing_segment(rt));
+    EXPECT_EQ(seg.value(), 0);
+
+    EXPECT_EQ(get_international_dialing(rt, seg, "dialing"), "");
+    EXPECT_EQ(get_international_dialing(rt, seg, "max-digits"), "12");
+    EXPECT_EQ(get_international_dialing(rt, seg, "other"), "ERROR");
+
+    // Enabling does not publish the limit; setting the digits does, even
+    // while disabled.
+    EXPECT_EQ(set_international_dialing(rt, seg, "dialing", "enable"), "SUCCESS");
+    EXPECT_EQ(test::read_file(file), "int-dialing=enable\nmax-digits=12\n");
+    EXPECT_EQ(get_international_dialing(rt, seg, "dialing"), "checked");
+    EXPECT_EQ(seg.value(), 0);
+    EXPECT_EQ(set_international_dialing(rt, seg, "max-digits", "15"), "SUCCESS");
+    EXPECT_EQ(test::read_file(file), "int-dialing=enable\nmax-digits=15\n");
+    EXPECT_EQ(seg.value(), 15);
+    EXPECT_EQ(set_international_dialing(rt, seg, "dialing", "disable"), "SUCCESS");
+    EXPECT_EQ(seg.value(), 0);
+    EXPECT_EQ(set_international_dialing(rt, seg, "max-digits", "junk"), "SUCCESS");
+    EXPECT_EQ(test::read_file(file), "int-dialing=disable\nmax-digits=0\n");
+    EXPECT_EQ(set_international_dialing(rt, seg, "bogus", "1"), "ERROR");
+
+    // Another process attaching the key sees the same word.
+    int id = ::shmget(static_cast<key_t>(rt.ports.shm_key()), 4, 0);
+    ASSERT_GE(id, 0);
+    void* other = ::shmat(id, nullptr, SHM_RDONLY);
+    ASSERT_NE(other, reinterpret_cast<void*>(-1));
+    seg.store(11);
+    EXPECT_EQ(*static_cast<volatile int32_t*>(other), 11);
+    ::shmdt(other);
+
+    // A file without the line is rewritten unchanged; no file is an error.
+    test::write_file(file, "max-digits=3\n");
+    EXPECT_EQ(set_international_dialing(rt, seg, "dialing", "enable"), "SUCCESS");
+    EXPECT_EQ(test::read_file(file), "max-digits=3\n");
+    std::remove(file.c_str());
+    EXPECT_EQ(set_international_dialing(rt, seg, "max-digits", "4"), "ERROR");
+    EXPECT_EQ(get_international_dialing(rt, seg, "dialing"), "ERROR");
+    EXPECT_FALSE(test::exists(file));
+}
+
+TEST_F(SettingsTest, CommandsNotifyTxrxAndTheHttpClient) {
+    test::UdpListener txrx(rt.ports.txrx_out());
+    test::UdpListener http(rt.ports.http());
+    ASSERT_TRUE(txrx.ok());
+    ASSERT_TRUE(http.ok());
+
+    EXPECT_EQ(set_sms_timer(rt, "45"), "SUCCESS");
+    auto control = txrx.receive();
+    ASSERT_TRUE(control);
+    ASSERT_EQ(control->size(), 100u);
+    EXPECT_EQ(control->substr(0, control->find('\0')), "cmd set-sms-timer 45 ");
+    EXPECT_EQ(http.receive(), std::string("set-sms-timer  45^|^") + '\0');
+    EXPECT_EQ(test::read_file(conf()), "timeout=45\n");
+
+    EXPECT_EQ(set_sms_status(rt, "disable"), "SUCCESS");
+    control = txrx.receive();
+    ASSERT_TRUE(control);
+    EXPECT_EQ(control->substr(0, control->find('\0')), "cmd set-sms-status disable ");
+    EXPECT_EQ(http.receive(), std::string("set-sms 1 status disable^|^") + '\0');
+    EXPECT_EQ(test::read_file(conf()), "timeout=45\nstatus=disable\n");
+
+    EXPECT_EQ(set_signal_strength_cmd(rt, "AT+CSQ"), "SUCCESS");
+    control = txrx.receive();
+    ASSERT_TRUE(control);
+    EXPECT_EQ(control->substr(0, control->find('\0')), "cmd signal_strength_cmd AT+CSQ");
+    EXPECT_EQ(test::read_file(dir / "var/config/modem_conf"), "signal_strength_cmd=AT+CSQ\n");
+}
+
+TEST_F(SettingsTest, EnablingStartsTheHttpClient) {
+    std::string marker = dir / "started";
+    test::write_file(dir / "bin/http-client", "#!/bin/sh\ntouch '" + marker + "'\n");
+    ASSERT_EQ(::chmod((dir / "bin/http-client").c_str(), 0755), 0);
+    test::UdpListener http(rt.ports.http());
+    EXPECT_EQ(set_sms_status(rt, "enable"), "SUCCESS");
+    EXPECT_TRUE(test::wait_for([&] { return test::exists(marker); }));
+    EXPECT_EQ(test::read_file(conf()), "status=enable\n");
+    // Only disabling is announced to the client itself.
+    EXPECT_FALSE(http.receive(std::chrono::milliseconds(200)).has_value());
+}

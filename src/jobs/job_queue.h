@@ -18,6 +18,28 @@
 
 namespace smsgw {
 
+// The 108-byte record header, read and written only through the two
+// helpers below so the layout lives in one place.
+struct JobHeader {
+    static constexpr size_t kSize = 108;
+    static constexpr size_t kFromSize = 88;
+    char marker[12] = {};  // "<JB/SRT>" on a well-formed record
+    int32_t job_ln = 0;
+    int32_t p_job_ln = 0;
+    std::string jobfromrom;  // at most 87 characters
+
+    bool marker_ok() const;
+};
+// "<JB/SRT>" marker, the lengths, and the request line cut to 87 characters.
+std::string encode_job_header(int32_t job_ln, int32_t p_job_ln, std::string_view jobfromrom);
+// REQUIRES: bytes holds at least JobHeader::kSize bytes.
+JobHeader decode_job_header(const unsigned char* bytes);
+
+// Appends up to `length` bytes of the file at path to out_fd, then deletes
+// the file (not when it cannot be opened). True when exactly `length` bytes
+// were appended.
+bool copy_job_body(int out_fd, const std::string& path, long long length);
+
 // A broadcast trigger on its way to a group (the 220-byte record).
 struct BroadcastRecord {
     std::string sender;  // at most 49 characters
@@ -76,14 +98,28 @@ class JobQueue {
     int32_t l_job_ln[9] = {};
     long A_sz = 0;
     int job_full = 0;
-    int queued_jobs = 1;  // the queued-job counter of the statistics
     int permodem_pending = 0;
     int permodem_written = 0;
 
     std::string pending_file(int index) const;  // real path of file index 0-8
 
+    // The pause after a job file empties gives txrx time before the next
+    // job; replaceable so tests can observe it without waiting.
+    std::function<void(unsigned seconds)> sleep_seconds;
+
   private:
     struct Mapping;
+    std::string permodem_file() const;
+    void store_table() { update_job_pos_table(l_job_ln[P_POS], P_POS); }
+    void advance_read_index();
+    void queue_drained();
+    // Drops the front of a damaged read file at `cut` (0: nothing).
+    void cut_front(const std::string& path, long long cut);
+    void take_broadcast(FILE* job_file, const JobHeader& h, int mode);
+    // Removes the consumed record and stores the table.
+    void bookkeeping(int mode, const JobHeader& h, bool from_permodem);
+    int write_permodem_request(const std::string& path);
+
     Runtime& rt_;
     Sender& sender_;
     std::unique_ptr<Mapping> map_;

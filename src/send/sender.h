@@ -10,6 +10,7 @@
 #include <string_view>
 
 #include "addressbook/address_book.h"
+#include "common/fileops.h"
 #include "common/runtime.h"
 #include "send/recipients.h"
 
@@ -37,8 +38,12 @@ class Sender {
     // Scheduler mode 1: the prepared job to the peer read last.
     void reply_to_peer();
 
-    // Whether a path named by a datagram may be used as a request file.
+    // Whether a path named by a datagram may be used as a request file:
+    // absolute, no "..", at most 87 characters, inside a spool directory,
+    // and a regular file that is not a symlink.
     bool request_file_allowed(const std::string& path) const;
+    // The same rules without requiring the file to exist yet.
+    bool request_path_allowed(const std::string& path) const;
 
     std::string job_path;  // the payload handed to txrx (at most 99 chars)
     int api_request = 0;
@@ -51,9 +56,14 @@ class Sender {
     RecipientSet& recipients() { return recipients_; }
 
   private:
+    // The request file opened under the policy of request_file_allowed;
+    // an invalid Fd when the path is refused.
+    Fd open_request_file(const std::string& path) const;
+
     Runtime& rt_;
     AddressBook& ab_;
     RecipientSet recipients_;
+    bool request_refused_ = false;  // the last request named a refused file
 };
 
 }  // namespace smsgw

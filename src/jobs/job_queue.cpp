@@ -1,0 +1,712 @@
+#include "jobs/job_queue.h"
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "common/bytes.h"
+#include "common/fileops.h"
+#include "common/net.h"
+#include "common/text.h"
+#include "common/trace.h"
+#include "send/stats.h"
+
+namespace smsgw {
+
+namespace {
+
+constexpr char kMarker[] = "<JB/SRT>";
+constexpr size_t kTableSize = 44;
+constexpr size_t kBodyChunk = 2038;
+constexpr size_t kRequestChunk = 2047;
+constexpr size_t kBroadcastSender = 50;
+constexpr size_t kBroadcastText = 160;
+constexpr int kFiles = 9;
+constexpr long long kEmptyFile = -1;  // repair result: nothing worth keeping
+
+bool write_all(int fd, const void* data, size_t n) {
+    const char* p = static_cast<const char*>(data);
+    while (n > 0) {
+        ssize_t w = ::write(fd, p, n);
+        if (w < 0 && errno == EINTR) continue;
+        if (w <= 0) return false;
+        p += w;
+        n -= static_cast<size_t>(w);
+    }
+    return true;
+}
+
+bool pread_header(int fd, long long offset, JobHeader& h) {
+    unsigned char b[JobHeader::kSize];
+    if (::pread(fd, b, sizeof b, static_cast<off_t>(offset)) != static_cast<ssize_t>(sizeof b))
+        return false;
+    h = decode_job_header(b);
+    return true;
+}
+
+// A header at `offset` whose body fits in a file of `size` bytes.
+bool well_formed(const JobHeader& h, long long offset, long long size) {
+    return h.marker_ok() && h.job_ln >= 0 &&
+           h.job_ln <= size - offset - static_cast<long long>(JobHeader::kSize);
+}
+
+// Copies bytes [from, end) of `in` into `out`.
+bool copy_tail(int in, long long from, FILE* out) {
+    char buf[kBodyChunk];
+    for (off_t pos = static_cast<off_t>(from);;) {
+        ssize_t n = ::pread(in, buf, sizeof buf, pos);
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) return false;
+        if (n == 0) return true;
+        if (std::fwrite(buf, 1, static_cast<size_t>(n), out) != static_cast<size_t>(n))
+            return false;
+        pos += n;
+    }
+}
+
+std::string cut_request_line(std::string_view text) {
+    return std::string(text.substr(0, text.find_first_of("\r\n")));
+}
+
+// The request file a queued job came from, recreated from its body (a
+// planted symlink at the name is replaced, not followed). False when it
+// cannot be created.
+bool recreate_request_file(FILE* job, const std::string& name, long long length) {
+    FilePtr out = open_fixed_temp(name, "w+");
+    if (!out) return false;
+    char buf[kRequestChunk];
+    while (length > 0) {
+        size_t want = static_cast<size_t>(std::min<long long>(length, kRequestChunk));
+        size_t n = std::fread(buf, 1, want, job);
+        if (n == 0) break;
+        std::fwrite(buf, 1, n, out.get());
+        length -= static_cast<long long>(n);
+    }
+    return std::fflush(out.get()) == 0;
+}
+
+// The request file named in a request line: after "send-sms api " or after
+// "send-sms" and one character, up to CR/LF.
+std::string request_file_name(std::string_view line) {
+    size_t skip = starts_with(line, "send-sms api ") ? 13 : std::min<size_t>(9, line.size());
+    return cut_request_line(line.substr(skip));
+}
+
+}  // namespace
+
+bool JobHeader::marker_ok() const {
+    return std::memcmp(marker, kMarker, sizeof kMarker) == 0;
+}
+
+std::string encode_job_header(int32_t job_ln, int32_t p_job_ln, std::string_view jobfromrom) {
+    unsigned char b[JobHeader::kSize] = {};
+    std::memcpy(b, kMarker, sizeof kMarker);
+    put_i32(b + 12, job_ln);
+    put_i32(b + 16, p_job_ln);
+    copy_field(reinterpret_cast<char*>(b + 20), JobHeader::kFromSize, jobfromrom);
+    return std::string(reinterpret_cast<char*>(b), sizeof b);
+}
+
+JobHeader decode_job_header(const unsigned char* bytes) {
+    JobHeader h;
+    std::memcpy(h.marker, bytes, sizeof h.marker);
+    h.job_ln = get_i32(bytes + 12);
+    h.p_job_ln = get_i32(bytes + 16);
+    h.jobfromrom = field_text(reinterpret_cast<const char*>(bytes + 20), JobHeader::kFromSize);
+    return h;
+}
+
+bool copy_job_body(int out_fd, const std::string& path, long long length) {
+    Fd in(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!in) return false;
+    long long copied = 0;
+    char buf[kBodyChunk];
+    while (copied < length) {
+        size_t want = static_cast<size_t>(std::min<long long>(length - copied, kBodyChunk));
+        ssize_t n = ::read(in.get(), buf, want);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) break;
+        if (!write_all(out_fd, buf, static_cast<size_t>(n))) break;
+        copied += n;
+    }
+    in.reset();
+    remove_file(path);
+    return copied == length;
+}
+
+// ---------------------------------------------------------------- table --
+
+// Owner of the shared 44-byte mapping of "/var/Jobs/pos_offset".
+struct JobQueue::Mapping {
+    Fd fd;
+    void* addr = MAP_FAILED;
+    ~Mapping() {
+        if (addr != MAP_FAILED) ::munmap(addr, kTableSize);
+    }
+    unsigned char* bytes() const { return static_cast<unsigned char*>(addr); }
+};
+
+JobQueue::JobQueue(Runtime& rt, Sender& sender)
+    : sleep_seconds([](unsigned s) { ::sleep(s); }), rt_(rt), sender_(sender) {}
+
+JobQueue::~JobQueue() = default;
+
+std::string JobQueue::pending_file(int index) const {
+    return rt_.path("/var/Jobs/Pending_Jobs_" + std::to_string(index + 1));
+}
+
+std::string JobQueue::permodem_file() const {
+    return rt_.path("/var/Jobs/PerModem_PendingJob");
+}
+
+bool JobQueue::try_init_job_pos_table() {
+    auto m = std::make_unique<Mapping>();
+    std::string path = rt_.path("/var/Jobs/pos_offset");
+    m->fd.reset(::open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0644));
+    struct stat st {};
+    if (!m->fd || ::fstat(m->fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) return false;
+    // A new table, or one cut short, reads as zeros where bytes are missing;
+    // touching a mapped page past the end of the file would fault.
+    if (st.st_size < static_cast<off_t>(kTableSize) &&
+        ::ftruncate(m->fd.get(), static_cast<off_t>(kTableSize)) != 0)
+        return false;
+    m->addr = ::mmap(nullptr, kTableSize, PROT_READ | PROT_WRITE, MAP_SHARED, m->fd.get(), 0);
+    if (m->addr == MAP_FAILED) return false;
+    map_ = std::move(m);
+    return true;
+}
+
+void JobQueue::init_job_pos_table() {
+    if (try_init_job_pos_table()) return;
+    std::fputs("Open Failed\n", stderr);
+    std::exit(1);
+}
+
+void JobQueue::load_job_pos_table() {
+    if (!map_) return;
+    const unsigned char* b = map_->bytes();
+    uint32_t word = static_cast<uint32_t>(get_i32(b));
+    P_POS = static_cast<int16_t>(word >> 16);
+    L_POS = static_cast<int16_t>(word & 0xffffu);
+    TOTAL_SIZE = get_i32(b + 4);
+    for (int i = 0; i < kFiles; ++i) l_job_ln[i] = get_i32(b + 8 + 4 * i);
+    // A damaged table must not name a file outside the ring: such an index
+    // restarts at the first file (the reader then walks forward over missing
+    // files to the writer), and a negative total counts as an empty queue.
+    if (P_POS < 0 || P_POS >= kFiles) P_POS = 0;
+    if (L_POS < 0 || L_POS >= kFiles) L_POS = 0;
+    if (TOTAL_SIZE < 0) TOTAL_SIZE = 0;
+    A_sz = l_job_ln[P_POS];
+    trace("P_POS = %d,%d,%ld, %ld,\n", P_POS, L_POS, TOTAL_SIZE, A_sz);
+    for (int i = 0; i < kFiles; ++i) trace("i= %d,%d\n", i, l_job_ln[i]);
+}
+
+void JobQueue::update_job_pos_table(int32_t length, int file_index) {
+    if (file_index < 0 || file_index >= kFiles) return;
+    l_job_ln[file_index] = length;
+    if (!map_) return;
+    unsigned char* b = map_->bytes();
+    uint32_t word =
+        (static_cast<uint32_t>(P_POS) & 0xffffu) << 16 | (static_cast<uint32_t>(L_POS) & 0xffffu);
+    put_i32(b, static_cast<int32_t>(word));
+    long long total = TOTAL_SIZE > INT32_MAX ? INT32_MAX : TOTAL_SIZE;
+    put_i32(b + 4, static_cast<int32_t>(total));
+    for (int i = 0; i < kFiles; ++i) put_i32(b + 8 + 4 * i, l_job_ln[i]);
+    trace("UPD:%d,%d,%ld, %d\n", P_POS, L_POS, TOTAL_SIZE, length);
+}
+
+// ---------------------------------------------------- front of job files --
+
+int JobQueue::remove_first_job(const std::string& path) {
+    Fd in(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+    if (!in) return 1;
+    JobHeader h;
+    long long skip_to;
+    if (!pread_header(in.get(), 0, h))
+        skip_to = LLONG_MAX;  // not even a header: nothing to keep
+    else if (h.job_ln < 0)
+        return 0;  // the skip cannot be made; the file stays as it is
+    else
+        skip_to = static_cast<long long>(JobHeader::kSize) + h.job_ln;
+    cut_front(path, skip_to == LLONG_MAX ? file_size(path) : skip_to);
+    return 0;
+}
+
+void JobQueue::cut_front(const std::string& path, long long cut) {
+    if (cut <= 0) return;
+    Fd in(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+    if (!in) return;
+    std::string temp = rt_.path("/var/run/quayd_logrot_temp");
+    FilePtr out = open_fixed_temp(temp, "w+");
+    if (!out) return;
+    bool ok = copy_tail(in.get(), cut, out.get());
+    ok = std::fflush(out.get()) == 0 && ok;
+    ok = ::fsync(fileno(out.get())) == 0 && ok;
+    out.reset();
+    if (!ok || !replace_file(temp, path)) remove_file(temp);
+}
+
+void JobQueue::repair_pending_file() {
+    std::string path = pending_file(P_POS);
+    long long f_sz = file_size(path);
+    Fd fd;
+    if (f_sz > 0) fd.reset(::open(path.c_str(), O_RDWR | O_NOFOLLOW | O_CLOEXEC));
+    long long cut = kEmptyFile;
+    if (fd) {
+        trace("%ld - A_sz\n", A_sz);
+        // Walk the back-links from the end. Each step moves strictly towards
+        // the start (a back-link shorter than a header is damage), so the
+        // walk ends after at most f_sz / 108 reads.
+        long long a_sz = A_sz;
+        long long last = -1;  // offset of the oldest record read so far
+        for (;;) {
+            long long l_sz = f_sz - a_sz;
+            trace("l_sz = %lld, f_sz= %lld, A_sz=%lld\n", l_sz, f_sz, a_sz);
+            if (l_sz < 1) {
+                if (l_sz == 0 || last < 0) {
+                    // The walk reached the file's start (or read nothing):
+                    // the first record is kept when it is well-formed, so a
+                    // file the scheduler finds damaged always shrinks.
+                    JobHeader first;
+                    bool keep = pread_header(fd.get(), 0, first) && well_formed(first, 0, f_sz);
+                    cut = keep ? 0 : last;
+                } else {
+                    cut = last;
+                }
+                break;
+            }
+            JobHeader h;
+            bool ok = pread_header(fd.get(), l_sz, h);
+            last = l_sz;
+            if (!ok || !h.marker_ok() || h.p_job_ln < static_cast<int32_t>(JobHeader::kSize)) {
+                // The chain begins here; this record stays first.
+                cut = l_sz;
+                break;
+            }
+            a_sz += h.p_job_ln;
+        }
+    }
+    fd.reset();
+    if (cut == kEmptyFile) {
+        Fd(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644));
+        return;
+    }
+    if (cut == 0) return;
+    if (f_sz <= cut) {
+        remove_file(path);
+        return;
+    }
+    cut_front(path, cut);
+}
+
+// ------------------------------------------------------------ appenders --
+
+namespace {
+
+// The request line's argument (after the first blank, up to CR/LF), or
+// nullopt when the line has no second word.
+std::optional<std::string> request_argument(std::string_view line) {
+    size_t sp = line.find(' ');
+    if (sp == std::string_view::npos) return std::nullopt;
+    std::string arg = cut_request_line(line.substr(sp + 1));
+    if (arg.empty()) return std::nullopt;
+    return arg;
+}
+
+Fd open_append(const std::string& path) {
+    return Fd(::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0644));
+}
+
+}  // namespace
+
+void JobQueue::add_to_pending_jobs(std::string_view line) {
+    trace("In fun %s\n", "add_to_pending_jobs");
+    trace("Pending jobs : %s\n", pending_file(P_POS).c_str());
+    auto arg = request_argument(line);
+    if (!arg) return;
+    bool api = starts_with(*arg, "api ");
+    std::string path = api ? arg->substr(4) : *arg;
+    if (!sender_.request_file_allowed(path)) {
+        trace("refused request file %s\n", path.c_str());
+        return;
+    }
+
+    if (file_size(pending_file(L_POS)) > kRotateSize) L_POS = L_POS + 1 > 8 ? 0 : L_POS + 1;
+    std::string target = pending_file(L_POS);
+    long long old_size = file_size(target);
+    Fd out = open_append(target);
+    long long body = file_size(path);
+    if (!out || TOTAL_SIZE >= MAX_JOBS_FILE_LN || body > INT32_MAX - 108) {
+        trace("Crossed limit TOTAL_SIZE = %ld, MAX_JOBS_FILE_LN=%ld\n", TOTAL_SIZE,
+              MAX_JOBS_FILE_LN);
+        if (TOTAL_SIZE >= MAX_JOBS_FILE_LN) {
+            write_file(rt_.path("/var/Jobs/jobfull"), "");
+            job_full = 1;
+            if (api) {
+                set_api_status(rt_, last_dash_number(path), 608);
+                set_api_status(rt_, last_dash_number(path), 608);
+            }
+        }
+        remove_file(path);
+        return;
+    }
+    auto job_ln = static_cast<int32_t>(body);
+    std::string header = encode_job_header(job_ln, l_job_ln[L_POS], line);
+    if (!write_all(out.get(), header.data(), header.size())) {
+        out.reset();
+        truncate_file(target, old_size);
+        return;
+    }
+    // Counted before the body is copied; a failed copy does not take it back.
+    TOTAL_SIZE += job_ln + static_cast<long>(kHeaderSize);
+    trace(" job.job_ln  = %d,job.p_job_ln = %d, job.jobfromrom=%s\n", job_ln, l_job_ln[L_POS],
+          std::string(line).c_str());
+    if (!copy_job_body(out.get(), path, job_ln) || ::fsync(out.get()) != 0) {
+        out.reset();
+        truncate_file(target, old_size);
+        return;
+    }
+    out.reset();
+    int32_t record = job_ln + static_cast<int32_t>(kHeaderSize);
+    trace("(job.job_ln + sizeof(job)) = %d\n", record);
+    update_job_pos_table(record, L_POS);
+    ++rt_.jobs_to_txrx_count;
+    write_job_stats(rt_, rt_.jobs_to_txrx_count, sender_.peer_reply_count, sender_.handoff_count);
+}
+
+void JobQueue::add_to_pending_jobs_broadcasttrigger(const std::string* path, long length) {
+    trace("In fun %s\n", "add_to_pending_jobs_broadcasttrigger");
+    std::string from = "ISBRDTRIG";
+    if (rt_.api_trigger.pending) {
+        from += "api" + std::to_string(rt_.api_trigger.id) + "-" + rt_.api_trigger.sender;
+        rt_.api_trigger.pending = 0;
+        rt_.api_trigger.id = 0;
+        rt_.api_trigger.sender.clear();
+    }
+    // Measured before the rotation, so a rollback after a rotation cuts the
+    // new file to the old file's size.
+    long long old_size = file_size(pending_file(L_POS));
+    if (file_size(pending_file(L_POS)) > kRotateSize) L_POS = L_POS + 1 > 8 ? 0 : L_POS + 1;
+    std::string target = pending_file(L_POS);
+    Fd out;
+    if (path) out = open_append(target);
+    if (!out || TOTAL_SIZE >= MAX_JOBS_FILE_LN || length > INT32_MAX - 108) {
+        trace("TOTAL_SIZE = %ld, MAX_JOBS_FILE_LN=%ld\n", TOTAL_SIZE, MAX_JOBS_FILE_LN);
+        if (TOTAL_SIZE >= MAX_JOBS_FILE_LN) {
+            write_file(rt_.path("/var/Jobs/jobfull"), "");
+            job_full = 1;
+        }
+        if (path) remove_file(*path);
+        return;
+    }
+    if (length == -1) {
+        remove_file(*path);
+        return;
+    }
+    auto job_ln = static_cast<int32_t>(length);
+    std::string header = encode_job_header(job_ln, l_job_ln[L_POS], from);
+    if (!write_all(out.get(), header.data(), header.size())) {
+        out.reset();
+        truncate_file(target, old_size);
+        return;
+    }
+    TOTAL_SIZE += job_ln + static_cast<long>(kHeaderSize);
+    if (!copy_job_body(out.get(), *path, job_ln) || ::fsync(out.get()) != 0) {
+        out.reset();
+        truncate_file(target, old_size);
+        return;
+    }
+    out.reset();
+    ++rt_.jobs_to_txrx_count;
+    write_job_stats(rt_, rt_.jobs_to_txrx_count, sender_.peer_reply_count, sender_.handoff_count);
+    update_job_pos_table(job_ln + static_cast<int32_t>(kHeaderSize), L_POS);
+}
+
+int JobQueue::add_to_permodem_pending_jobs(std::string_view line) {
+    trace("In fun %s\n", "add_to_permodem_pending_jobs");
+    auto arg = request_argument(line);
+    if (!arg) return -1;
+    const std::string& path = *arg;  // an "api " prefix stays part of it
+    std::string target = permodem_file();
+    long long old_size = file_size(target);
+    Fd out = open_append(target);
+    long long body = file_size(path);
+    if (!out || TOTAL_SIZE >= MAX_JOBS_FILE_LN || body > INT32_MAX - 108) {
+        trace("Crossed limit TOTAL_SIZE = %ld, MAX_JOBS_FILE_LN=%ld\n", TOTAL_SIZE,
+              MAX_JOBS_FILE_LN);
+        if (TOTAL_SIZE >= MAX_JOBS_FILE_LN) {
+            write_file(rt_.path("/var/Jobs/jobfull"), "");
+            job_full = 1;
+            if (starts_with(path, "api ")) {
+                set_api_status(rt_, last_dash_number(path.substr(4)), 608);
+                set_api_status(rt_, last_dash_number(path.substr(4)), 608);
+            }
+        }
+        remove_file(starts_with(path, "api ") ? path.substr(4) : path);
+        return -1;
+    }
+    auto job_ln = static_cast<int32_t>(body);
+    std::string header = encode_job_header(job_ln, 0, line);
+    if (!write_all(out.get(), header.data(), header.size())) {
+        out.reset();
+        truncate_file(target, old_size);
+        return -1;
+    }
+    TOTAL_SIZE += job_ln + static_cast<long>(kHeaderSize);
+    if (!copy_job_body(out.get(), path, job_ln) || ::fsync(out.get()) != 0) {
+        out.reset();
+        // The rollback cuts the ring's write file, not the per-modem file:
+        // the queue has always recovered this way and depends on it.
+        truncate_file(pending_file(L_POS), old_size);
+        return -1;
+    }
+    permodem_written = 1;
+    return 0;
+}
+
+// ------------------------------------------------------------ scheduler --
+
+void JobQueue::advance_read_index() {
+    P_POS = P_POS + 1 > 8 ? 0 : P_POS + 1;
+    if (job_full == 1) remove_file(rt_.path("/var/Jobs/jobfull"));
+    job_full = 0;
+    trace("P__POS = %d, L_POS = %d\n", P_POS, L_POS);
+}
+
+void JobQueue::queue_drained() {
+    TOTAL_SIZE = 0;
+    rt_.jobs_to_txrx_count = 0;
+    write_job_stats(rt_, 0, sender_.peer_reply_count, sender_.handoff_count);
+    if (job_full == 1) remove_file(rt_.path("/var/Jobs/jobfull"));
+    job_full = 0;
+    store_table();
+}
+
+int JobQueue::write_permodem_request(const std::string& path) {
+    if (!current_broadcast) return -1;
+    std::string numbers;
+    for (auto field : split_fields(current_broadcast->group, " ,\"", 4096)) {
+        numbers.append(field);
+        numbers.append(kSep);
+    }
+    Fd fd(::open(path.c_str(), O_WRONLY | O_TRUNC | O_NOFOLLOW | O_CLOEXEC));
+    if (!fd) return -1;
+    std::string image = build_request_file("admin", current_broadcast->text, numbers, "", "");
+    if (!write_all(fd.get(), image.data(), image.size())) return -1;
+    return fd.close_checked() ? 0 : -1;
+}
+
+void JobQueue::create_job_from_pending_jobs(int mode) {
+    if (mode == 0 && rt_.job_outstanding == 1) return;
+    trace("In Function: %s\n", "create_job_from_pending_jobs");
+
+    if (mode == 0 && permodem_pending) {
+        FilePtr job = open_file(permodem_file(), "r");
+        if (!job) {
+            trace("Unable to open Permodem Job File\n");
+            return;
+        }
+        unsigned char b[JobHeader::kSize] = {};
+        std::fread(b, 1, sizeof b, job.get());
+        JobHeader h = decode_job_header(b);
+        if (h.job_ln == 0 || h.job_ln == -1) return;
+        if (!well_formed(h, 0, file_size(permodem_file()))) {
+            // Nothing reliable is left in the side file.
+            job.reset();
+            remove_file(permodem_file());
+            permodem_pending = 0;
+            return;
+        }
+        trace("Func - %s - Count -%d\n", "create_job_from_pending_jobs", h.job_ln);
+        trace("Fl- Name = %s\n", h.jobfromrom.c_str());
+        std::string_view line = h.jobfromrom;
+        std::string name = cut_request_line(line.substr(std::min<size_t>(9, line.size())));
+        if (!recreate_request_file(job.get(), name, h.job_ln)) return;
+        job.reset();
+        sender_.hand_off_job(h.jobfromrom);
+        bookkeeping(mode, h, true);
+        return;
+    }
+
+    trace("In Again\n");
+    FilePtr job;
+    JobHeader h;
+    int repairs = 0;
+    for (;;) {
+        trace("Before DO\n");
+        std::string path = pending_file(P_POS);
+        trace("Before fopen = %s\n", path.c_str());
+        store_table();
+        job = open_file(path, "r");
+        trace("P_POS = %d, L_POS = %d, TOTAL_SIZE = %ld\n", P_POS, L_POS, TOTAL_SIZE);
+        if (!job) {
+            trace("\n fp == NULL)\n");
+            if (P_POS == L_POS) {
+                queue_drained();
+                return;
+            }
+            advance_read_index();
+            continue;
+        }
+        unsigned char b[JobHeader::kSize] = {};
+        std::fread(b, 1, sizeof b, job.get());  // an empty file reads as zeros
+        h = decode_job_header(b);
+        if (h.job_ln == 0 || h.job_ln == -1) {
+            job.reset();
+            trace("\n if(count == 0 || count == -1)\n");
+            if (P_POS == L_POS) {
+                remove_file(path);
+                queue_drained();
+                return;
+            }
+            advance_read_index();
+            continue;
+        }
+        trace("Func - %s - Count -%d\n", "create_job_from_pending_jobs", h.job_ln);
+        if (well_formed(h, 0, file_size(path))) break;
+
+        char report[96];
+        int n = std::snprintf(report, sizeof report, "Corrupted pendingjobs = %d, count = %d\n\n",
+                              P_POS, h.job_ln);
+        write_file(rt_.path("/var/run/test.log.pending"),
+                   std::string_view(report, static_cast<size_t>(n)));
+        job.reset();
+        load_job_pos_table();
+        // Two repairs always leave a well-formed first record or an empty
+        // file; the bound only guards against a file changing underneath.
+        if (++repairs > 3)
+            Fd(::open(path.c_str(), O_WRONLY | O_TRUNC | O_NOFOLLOW | O_CLOEXEC));
+        else
+            repair_pending_file();
+    }
+
+    trace("Fl- Name = %s\n", h.jobfromrom.c_str());
+    if (starts_with(h.jobfromrom, "ISBRDTRIG")) {
+        take_broadcast(job.get(), h, mode);
+        return;
+    }
+    const std::string& line = h.jobfromrom;
+    std::string name = request_file_name(line);
+    // A record naming a place no request may come from is consumed without
+    // recreating its file there.
+    if (sender_.request_path_allowed(name)) {
+        if (!recreate_request_file(job.get(), name, h.job_ln)) return;  // stays queued
+        job.reset();
+        if (mode == 0) {
+            sender_.hand_off_job(line);
+        } else {
+            trace("sending to lb_handler\n");
+            sender_.send_sms_handler(line, 1);
+            sender_.reply_to_peer();
+        }
+    }
+    job.reset();
+    bookkeeping(mode, h, false);
+}
+
+void JobQueue::take_broadcast(FILE* job_file, const JobHeader& h, int mode) {
+    // "ISBRDTRIG", or "ISBRDTRIGapi" ID "-" USER for one from the API.
+    const std::string& line = h.jobfromrom;
+    size_t api_at = line.find("api");
+    if (api_at != std::string::npos) {
+        size_t dash = line.find('-', api_at + 3);
+        if (dash == std::string::npos) {
+            api_request_id_text = "0";
+            api_user = "admin";
+        } else {
+            api_request_id_text = line.substr(api_at + 3, dash - api_at - 3);
+            api_user = line.substr(dash + 1);
+        }
+        api_job = 1;
+    }
+    BroadcastRecord rec;
+    char sender_field[kBroadcastSender] = {};
+    char text_field[kBroadcastText] = {};
+    std::fread(sender_field, 1, sizeof sender_field, job_file);
+    std::fread(text_field, 1, sizeof text_field, job_file);
+    rec.sender = field_text(sender_field, sizeof sender_field - 1);
+    rec.text = field_text(text_field, sizeof text_field);
+    trace("%s\n", rec.sender.c_str());
+    trace("%s\n", rec.text.c_str());
+    // The group name is the rest of the body (well_formed bounded job_ln).
+    long long group_len = h.job_ln - static_cast<long long>(kBroadcastSender + kBroadcastText);
+    if (group_len > 0) {
+        std::string group(static_cast<size_t>(group_len), '\0');
+        group.resize(std::fread(group.data(), 1, group.size(), job_file));
+        rec.group = field_text(group.data(), group.size());
+    }
+    current_broadcast = std::move(rec);
+
+    if (mode == 0) {
+        SendActionResult result;
+        if (send_action) result = send_action(0);
+        if (send_action && !result.queued) {
+            std::string msg = result.request_file;
+            if (api_job) {
+                msg = "api " + msg;
+                api_job = 0;
+            }
+            char buf[100];
+            copy_field(buf, sizeof buf, msg);
+            send_udp(rt_.ports.txrx_out(), buf, sizeof buf);
+            trace("Job sent to txrx\r\n");
+        }
+        bookkeeping(mode, h, false);
+        return;
+    }
+    if (!api_job) {
+        auto name = create_temp_file(rt_.path("/tmp"), "file");
+        if (!name || write_permodem_request(*name) < 0 ||
+            add_to_permodem_pending_jobs("send-sms " + *name) < 0) {
+            bookkeeping(mode, h, false);
+            return;
+        }
+    }
+    SendActionResult result;
+    if (send_action) result = send_action(1);
+    if (!result.request_file.empty()) sender_.job_path = result.request_file;
+    sender_.api_request = api_job;
+    api_job = 0;
+    sender_.reply_to_peer();
+    bookkeeping(mode, h, false);
+}
+
+void JobQueue::bookkeeping(int mode, const JobHeader& h, bool from_permodem) {
+    trace("sz = %d, TOTAL_SIZE = %ld", h.job_ln, TOTAL_SIZE);
+    if (TOTAL_SIZE != 0) TOTAL_SIZE -= h.job_ln + static_cast<long>(kHeaderSize);
+    if (TOTAL_SIZE < 0) TOTAL_SIZE = 0;
+    if (mode == 0 && from_permodem) {
+        remove_first_job(permodem_file());
+        if (file_size(permodem_file()) == 0) {
+            remove_file(permodem_file());
+            permodem_pending = 0;
+            sleep_seconds(2);
+        }
+        return;
+    }
+    trace("sz = %d, TOTAL_SIZE = %ld, _job_pos.l_job_ln[L_POS] = %d\n", h.job_ln, TOTAL_SIZE,
+          l_job_ln[L_POS]);
+    std::string path = pending_file(P_POS);
+    remove_first_job(path);
+    if (file_size(path) == 0) {
+        l_job_ln[P_POS] = 0;
+        store_table();
+        remove_file(path);
+        sleep_seconds(2);
+    } else {
+        store_table();
+    }
+    if (permodem_written) {
+        permodem_pending = 1;
+        permodem_written = 0;
+    }
+}
+
+}  // namespace smsgw

@@ -23,6 +23,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "common/text.h"
 
@@ -85,6 +86,7 @@ class AddressBook {
     int ab_list_prefix_page(std::string_view prefix, int start);
     int ab_list_by_number(std::string_view number);
     // Every entry in table order (name ignoring case, then number).
+    // REQUIRES: the visitor does not insert or delete contacts.
     void ab_for_each_entry(const std::function<void(Entry&)>& visitor);
 
     // ---- groups ----
@@ -95,6 +97,8 @@ class AddressBook {
     int group_add_member_to(Group* group, Entry* entry);
     // "SUCCESS" or the error text (also left in the reply buffer).
     std::string group_remove_member(Group* group, Entry* entry);
+    // Members are matched by identity, so a contact whose number differs
+    // from another's only in letter case never leaves a dangling member.
     void group_purge_entry(Entry* entry, int mode, Entry* replacement);
     int group_add_contact(std::string_view group_name, std::string_view contact_name);
     void group_fill_all(Group* group);
@@ -117,9 +121,36 @@ class AddressBook {
     TrieNode& trie_root() { return trie_root_; }
 
   private:
+    // Where a walk ended: the node, the pointer that owns it (the previous
+    // node's child or sibling) and that previous node.
+    struct Place {
+        TrieNode* node = nullptr;
+        std::unique_ptr<TrieNode>* link = nullptr;
+        TrieNode* prev = nullptr;
+    };
+    enum class Visit { kGoOn, kSkipBranch, kStop };
+
+    Place walk_to(std::string_view name);
+    TrieNode* add_to_node(TrieNode* node, std::string_view name, std::string_view number,
+                          std::string_view description);
+    TrieNode* stored(TrieNode* node);
+    void remove_node(const Place& at);
+    void prune();
+    // Pre-order from `start`: entries, child subtree, sibling chain.
+    template <typename F>
+    void visit_nodes(TrieNode* start, F&& visit);
+    void write_record(const Entry& e);
+
+    Group* find_group_from_head(std::string_view name);
+    bool is_head(const Group* g) const { return g == &group_list_; }
+    // 1 when added, 0 when the same contact is already a member.
+    static int insert_member_sorted(Group* group, Entry* entry);
+
     ReplyBuffer& reply_;
     TrieNode trie_root_;
     Group group_list_;
+    // Groups deleted with the keep flag while still holding members.
+    std::vector<std::unique_ptr<Group>> detached_groups_;
 };
 
 }  // namespace smsgw

@@ -273,13 +273,15 @@ struct Triggers::Impl {
         return sender.job_path;
     }
 
-    // The request file under "/tmp"; an api job's name ends in "-ID" so the
+    // The request file in the spool; an api job's name ends in "-ID" so the
     // send handler finds its request id there.
     std::optional<std::string> write_request_file(const BroadcastRecord& record,
                                                   const std::string& user,
                                                   std::optional<int> api_id) {
         Fd fd;
-        auto path = create_temp_file(rt.path("/tmp"), "trg", &fd);
+        // The send handler takes request files from the spool directories only.
+        std::string dir = rt.spool_dirs.empty() ? rt.path("/tmp") : rt.spool_dirs.front();
+        auto path = create_temp_file(dir, "trg", &fd);
         if (!path) return std::nullopt;
         std::string image = build_request_file(user, record.text, "", "", group_section(record));
         bool ok = write_all(fd.get(), image);

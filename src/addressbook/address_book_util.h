@@ -2,7 +2,9 @@
 // subsystem's interface).
 #pragma once
 
+#include <cstdio>
 #include <memory>
+#include <string>
 #include <string_view>
 
 #include "addressbook/address_book.h"
@@ -29,6 +31,23 @@ inline bool istarts_with(std::string_view text, std::string_view prefix) {
 // Frees a member list one node at a time (lists can be 20000 long).
 inline void free_members(std::unique_ptr<GroupMember> m) {
     while (m) m = std::move(m->next);
+}
+
+// Reads one line with its '\n' (none at the end of the file). At most
+// `keep` bytes are stored, the rest of the line is consumed; a NUL byte
+// ends the line's text as it ends a C string. False at end of file.
+inline bool read_line(FILE* f, std::string& line, size_t keep) {
+    line.clear();
+    bool any = false;
+    bool cut = false;
+    int c;
+    while ((c = getc_unlocked(f)) != EOF) {
+        any = true;
+        if (c == '\0') cut = true;
+        if (!cut && line.size() < keep) line.push_back(static_cast<char>(c));
+        if (c == '\n') break;
+    }
+    return any;
 }
 
 }  // namespace smsgw

@@ -1,0 +1,212 @@
+#include <gtest/gtest.h>
+
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include "addressbook/address_book.h"
+#include "addressbook/address_book_files.h"
+#include "common/fileops.h"
+#include "common/runtime.h"
+#include "support/test_support.h"
+
+using namespace smsgw;
+
+namespace {
+
+struct Files : ::testing::Test {
+    test::TempDir dir;
+    Runtime rt{dir.path()};
+    ReplyBuffer reply;
+
+    std::string book_path() { return rt.path("/var/AddressBook/Address_Book"); }
+    std::string groups_path() { return rt.path("/var/AddressBook/groups"); }
+
+    void seed(const std::string& contacts, const std::string& groups) {
+        test::write_file(book_path(), contacts);
+        if (!groups.empty()) test::write_file(groups_path(), groups);
+    }
+
+    // What "save-address-book" writes, as text.
+    std::pair<std::string, std::string> save(AddressBook& ab) {
+        make_dirs(rt.path("/var/AddressBook"));
+        {
+            FilePtr f = open_file(book_path(), "w");
+            if (ab.entry_count != 0) ab_save_contacts(ab, f.get());
+        }
+        if (ab.group_count != 0) ab_save_groups(ab, rt);
+        return {test::read_file(book_path()), test::read_file(groups_path())};
+    }
+
+    static std::vector<std::string> entries(AddressBook& ab) {
+        std::vector<std::string> v;
+        ab.ab_for_each_entry(
+            [&](Entry& e) { v.push_back(e.name + "|" + e.number + "|" + e.description); });
+        return v;
+    }
+
+    static std::vector<std::string> members(Group* g) {
+        std::vector<std::string> v;
+        for (GroupMember* m = g->members.get(); m; m = m->next.get())
+            v.push_back(m->member_entry->name + "/" + m->member_entry->number);
+        return v;
+    }
+};
+
+}  // namespace
+
+TEST_F(Files, SaveWritesTheExactLinesAndGroupPositions) {
+    AddressBook ab(reply);
+    ab.ab_insert("Bob", "777", "");
+    TrieNode* ann = ab.ab_insert("Ann Lee", "555123", "office");
+    ab.ab_insert("carl", "1", "two\nlines");
+    for (const char* g : {"c", "a", "b"}) ab.group_create(g);
+    Entry* e = ann->entries.get();
+    ab.group_add_member("a", e);
+    ab.group_add_member("c", e);
+    ab.group_add_member("b", ab.ab_find("carl")->entries.get());
+    auto [contacts, groups] = save(ab);
+    EXPECT_EQ(contacts,
+              "Ann Lee^|^555123^|^office^|^1,3,^|^\n"
+              "Bob^|^777^|^^|^^|^\n"
+              "carl^|^1^|^two\nlines^|^2,^|^\n");
+    EXPECT_EQ(groups, "a\nb\nc\n");
+}
+
+TEST_F(Files, SaveLoadSaveGivesTheSameBytes) {
+    std::string first_contacts, first_groups;
+    {
+        AddressBook ab(reply);
+        const char* names[] = {"Zoe", "anna", "Ann", "ANNE", "Bo", "Bob", "b"};
+        int i = 0;
+        for (const char* n : names) {
+            std::string num = std::to_string(100 + i);
+            ab.ab_insert(n, num, i % 3 == 0 ? "multi\nline\n\ndesc" : "plain");
+            ab.ab_insert(n, "9" + num, "");
+            ++i;
+        }
+        for (const char* g : {"Family", "work", "all", "Empty"}) ab.group_create(g);
+        ab.group_fill_all(ab.group_find("all"));
+        ab.group_add_contact("work", "bob");
+        ab.group_add_contact("work", "ann");
+        ab.group_add_contact("family", "zoe");
+        std::tie(first_contacts, first_groups) = save(ab);
+        // A second save in the same run writes the same (member lists are
+        // turned once around and come back as they were).
+        EXPECT_EQ(save(ab).first, first_contacts);
+    }
+    test::write_file(rt.path("/var/run/init_address_book"), "");
+    test::write_file(rt.path("/var/AddressBook/leftover"), "x");
+    AddressBook loaded(reply);
+    ab_load(loaded, rt);
+    EXPECT_EQ(loaded.entry_count, 14);
+    EXPECT_EQ(loaded.group_count, 4);
+    EXPECT_EQ(loaded.ab_find("ANNE")->entries->description, "multi\nline\n\ndesc");
+    EXPECT_FALSE(test::exists(book_path()));
+    EXPECT_FALSE(test::exists(groups_path()));
+    EXPECT_FALSE(test::exists(rt.path("/var/AddressBook/leftover")));
+    EXPECT_TRUE(test::exists(rt.path("/var/AddressBook")));
+    EXPECT_FALSE(test::exists(rt.path("/var/run/init_address_book")));
+    auto [contacts, groups] = save(loaded);
+    EXPECT_EQ(contacts, first_contacts);
+    EXPECT_EQ(groups, first_groups);
+}
+
+TEST_F(Files, LoadKeepsFileOrderOfGroupsAndSkipsBlankLines) {
+    seed("Ann^|^1^|^^|^2,^|^\n\nBob^|^2^|^d^|^1,2,3,^|^\n",
+         "zeta\n\nalpha\n" + std::string(60, 'g') + "\n");
+    AddressBook ab(reply);
+    ab_load(ab, rt);
+    std::vector<std::string> names;
+    for (Group* g = ab.first_group(); g; g = g->next.get()) names.push_back(g->group_name);
+    EXPECT_EQ(names, (std::vector<std::string>{"zeta", "alpha", std::string(51, 'g')}));
+    Group* zeta = ab.first_group();
+    Group* alpha = zeta->next.get();
+    EXPECT_EQ(members(zeta), std::vector<std::string>{"Bob/2"});
+    EXPECT_EQ(members(alpha), (std::vector<std::string>{"Ann/1", "Bob/2"}));
+    EXPECT_EQ(alpha->member_count, 2u);
+}
+
+TEST_F(Files, MoreThanFiftyGroupLinesKeepTheFirstFifty) {
+    std::string groups;
+    for (int i = 1; i <= 55; ++i) groups += "g" + std::to_string(i) + "\n";
+    seed("Ann^|^1^|^^|^50,51,^|^\n", groups);
+    AddressBook ab(reply);
+    ab_load(ab, rt);
+    EXPECT_EQ(ab.group_count, 50);
+    Group* last = ab.first_group();
+    while (last->next) last = last->next.get();
+    EXPECT_EQ(last->group_name, "g50");
+    EXPECT_EQ(last->member_count, 1u);
+}
+
+TEST_F(Files, BadLinesAreSkippedWithoutHarm) {
+    const std::string long_name(600, 'n');
+    const std::string tail_with_separators = std::string(520, 'x') + "Evil^|^666^|^^|^^|^\n";
+    struct Case {
+        std::string line;
+        std::vector<std::string> want;  // entries after loading it
+    };
+    const Case cases[] = {
+        {"NoSeparators\n", {}},
+        {"Name only^|^\n", {}},
+        {"^|^123^|^empty name^|^^|^\n", {}},
+        {"Bob^|^777^|^^|^^|^\n", {"Bob|777|"}},
+        {"Bob^|^777^|^no group field\n", {"Bob|777|no group field\n"}},
+        // the name and number must lie in the first 499 bytes; the rest of
+        // the line is not read as a line of its own
+        {long_name + "^|^1^|^^|^^|^\n", {}},
+        {tail_with_separators, {}},
+        // fields past the reader limits are cut, not overrun
+        {std::string(80, 'a') + "^|^" + std::string(80, '5') + "^|^" + std::string(300, 'd') +
+             "^|^^|^\n",
+         {std::string(51, 'a') + "|" + std::string(51, '5') + "|" + std::string(200, 'd')}},
+        {"Desc^|^1^|^" + std::string(10000, 'd') + "^|^1,^|^\n",
+         {"Desc|1|" + std::string(200, 'd')}},
+        {std::string(10000, 'z') + "\n", {}},
+        // a NUL ends the line's text
+        {std::string("Nul^|^1^|^a\0b^|^^|^\n", 20), {"Nul|1|a"}},
+        {std::string("Nul^|^1\0^|^x^|^^|^\n", 19), {}},
+        // the description runs to the end of the file
+        {"Open^|^5^|^never closed\nmore", {"Open|5|never closed\nmore"}},
+    };
+    for (const auto& c : cases) {
+        seed(c.line, "");
+        AddressBook ab(reply);
+        ab_load(ab, rt);
+        EXPECT_EQ(entries(ab), c.want) << c.line.substr(0, 60);
+        EXPECT_EQ(ab.entry_count, static_cast<int>(c.want.size()));
+    }
+}
+
+TEST_F(Files, GroupPositionsThatAreNotGroupsAreIgnored) {
+    seed(
+        "A^|^1^|^^|^-1,99999999999,abc,0,7,,2^|^\n"
+        "B^|^2^|^^|^1,1x,^|^\n"
+        "C^|^3^|^^|^2,\n",
+        "one\ntwo\n");
+    AddressBook ab(reply);
+    ab_load(ab, rt);
+    Group* one = ab.first_group();
+    Group* two = one->next.get();
+    EXPECT_EQ(members(one), (std::vector<std::string>{"B/2", "B/2"}));
+    EXPECT_EQ(members(two), std::vector<std::string>{"A/1"});
+    EXPECT_EQ(ab.entry_count, 3);
+}
+
+TEST_F(Files, DuplicateLinesLoadOnce) {
+    seed("Ann^|^1^|^first^|^1,^|^\nANN^|^1^|^second^|^1,^|^\nAnn^|^2^|^third^|^^|^\n", "g\n");
+    AddressBook ab(reply);
+    ab_load(ab, rt);
+    EXPECT_EQ(entries(ab), (std::vector<std::string>{"Ann|1|first", "Ann|2|third"}));
+    EXPECT_EQ(ab.first_group()->member_count, 1u);
+}
+
+TEST_F(Files, MissingFilesLeaveAnEmptyBook) {
+    AddressBook ab(reply);
+    test::write_file(rt.path("/var/run/init_address_book"), "");
+    ab_load(ab, rt);
+    EXPECT_EQ(ab.entry_count, 0);
+    EXPECT_EQ(ab.group_count, 0);
+    EXPECT_FALSE(test::exists(rt.path("/var/run/init_address_book")));
+}

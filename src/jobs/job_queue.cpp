@@ -276,7 +276,7 @@ void JobQueue::repair_pending_file() {
                     // file the scheduler finds damaged always shrinks.
                     JobHeader first;
                     bool keep = pread_header(fd.get(), 0, first) && well_formed(first, 0, f_sz);
-                    cut = keep ? 0 : last;
+                    cut = keep ? 0 : (last >= 0 ? last : kEmptyFile);
                 } else {
                     cut = last;
                 }

@@ -994,7 +994,8 @@ int cmd_import_csv(Global& g, const std::vector<std::string>& in) {
     // writes it: first name, last name, description, number.
     std::string spec = a.value("--columns").value_or("1,2,4,3");
     std::vector<std::string> cols;
-    FieldCutter cut(spec + ",");
+    const std::string list = spec + ",";
+    FieldCutter cut(list);
     while (auto x = cut.next(",")) cols.emplace_back(*x);
     if (cols.size() != 4) throw UsageError{"--columns takes four column numbers"};
     std::string format;

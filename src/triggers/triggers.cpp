@@ -262,7 +262,7 @@ struct Triggers::Impl {
         sender.job_path.clear();
         sender.send_sms_handler(request, 1);
         remove_file(*request_file);  // already gone unless the handler gave up early
-        if (sender.job_path.empty()) return "";
+        if (sender.job_path.empty() || !file_exists(sender.job_path)) return "";
         if (sender.api_request_failed == 1) {
             // None of the groups exists: there is nobody to send to.
             if (api) set_api_status(rt, api_id, 606);

@@ -1,0 +1,347 @@
+// The action handlers behind getactionobject, the trigger send action and
+// its queueing, and api trigger requests, on a sandbox root.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstring>
+#include <memory>
+#include <string>
+
+#include "addressbook/address_book.h"
+#include "commands/rule_lists.h"
+#include "common/runtime.h"
+#include "jobs/job_queue.h"
+#include "send/sender.h"
+#include "send/stats.h"
+#include "support/test_support.h"
+#include "triggers/triggers.h"
+
+namespace smsgw {
+namespace {
+
+using test::TempDir;
+using namespace std::chrono_literals;
+
+std::string rec(const std::string& text) {
+    return std::to_string(text.size()) + text;
+}
+
+std::string sms(const std::string& sender, const std::string& text) {
+    std::string m = sender;
+    m.resize(50, '\0');
+    return m + text;
+}
+
+int32_t i32_at(const std::string& bytes, size_t offset) {
+    int32_t v = 0;
+    if (bytes.size() >= offset + 4) std::memcpy(&v, bytes.data() + offset, 4);
+    return v;
+}
+
+std::string padded(const std::string& text, size_t size) {
+    std::string out = text;
+    out.resize(size, '\0');
+    return out;
+}
+
+class ActionsTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        test::prepare_root(dir.path());
+        ASSERT_TRUE(ensure_sms_stats_file(rt));
+        ASSERT_TRUE(queue.try_init_job_pos_table());
+        queue.sleep_seconds = [](unsigned) {};
+        write("var/config/trigger_ctrl",
+              rec("^|^Add^|^ADDENTRY^|^NO^|^") + rec("^|^Grp^|^ADDGROUP^|^NO^|^") +
+                  rec("^|^Pre^|^ADDPRECONFSMS^|^NO^|^") + rec("^|^Del^|^DELENTRY^|^NO^|^") +
+                  rec("^|^DelG^|^DELGROUP^|^NO^|^"));
+        write("var/config/trigger_broadcast",
+              rec("^|^Open^|^Doors open^|^Staff]|[^|^NO^|^[null]]|[^|^") +
+                  rec("^|^Ghost^|^Boo^|^Nobody]|[^|^NO^|^[null]]|[^|^") +
+                  rec("^|^Alarm^|^Fire^|^Staff]|[^|^YES^|^Bob]|[+4930]|[^|^"));
+        triggers = std::make_unique<Triggers>(rt, ab, rules, sender, queue);
+    }
+    void write(const std::string& rel, const std::string& content) {
+        test::write_file(dir / rel, content);
+    }
+    std::string read(const std::string& rel) { return test::read_file(dir / rel); }
+    int32_t stat_counter(size_t offset) {
+        return i32_at(read("var/config/sms_stats_file"), offset);
+    }
+    Entry* entry(const std::string& name, const std::string& number) {
+        TrieNode* node = ab.ab_find(name);
+        return node ? AddressBook::ab_find_number(node->entries.get(), number) : nullptr;
+    }
+    void staff_group() {
+        ab.ab_insert("Ann", "+4911", "");
+        ab.ab_insert("Ben", "+4922", "");
+        ab.group_create("Staff");
+        ab.group_add_contact("Staff", "Ann");
+        ab.group_add_contact("Staff", "Ben");
+    }
+    // api_stat.st with a header and one record per id.
+    void api_records(std::initializer_list<int32_t> ids) {
+        std::string file(4, '\0');
+        for (int32_t id : ids) {
+            std::string r(60, '\0');
+            std::memcpy(r.data(), &id, 4);
+            int16_t pending = 1;
+            std::memcpy(r.data() + 4, &pending, 2);
+            file += r;
+        }
+        write("var/config/api_stat.st", file);
+    }
+    int api_status(int32_t id) {
+        std::string file = read("var/config/api_stat.st");
+        for (size_t off = 4; off + 60 <= file.size(); off += 60) {
+            if (i32_at(file, off) != id) continue;
+            int16_t s;
+            std::memcpy(&s, file.data() + off + 4, 2);
+            return s;
+        }
+        return -100;
+    }
+    std::string reply_text() const {
+        const auto& r = triggers->action_reply();
+        return std::string(r.data(), strnlen(r.data(), r.size()));
+    }
+    std::string request_file(const std::string& name, const std::string& text) {
+        std::string path = dir / ("tmp/" + name);
+        test::write_file(path, build_request_file("admin", text, "", "", ""));
+        return path;
+    }
+
+    TempDir dir;
+    Runtime rt{dir.path(), test::random_port_offset()};
+    AddressBook ab{rt.reply_buffer};
+    RuleLists rules{rt};
+    Sender sender{rt, ab};
+    JobQueue queue{rt, sender};
+    std::unique_ptr<Triggers> triggers;
+};
+
+TEST_F(ActionsTest, StatisticsCountTriggersAndCommands) {
+    staff_group();
+    rt.job_outstanding = 1;  // keep the broadcast in the queue
+    struct Step {
+        std::string message;
+        int action, received, acted;
+    };
+    const Step steps[] = {
+        {sms("+4999", "Add:Bob;+4930"), 3, 1, 1},
+        {sms("+4999", "Open"), 0, 2, 1},
+        {sms("+4999", "what is this"), 7, 2, 1},
+        {sms("+4999", "TIMESETTINGS_LOOP_BACK_MSG"), 6, 2, 1},
+        {"api /tmp/req-3 0", 8, 2, 1},
+        {sms("+4931", "Alarm"), 7, 2, 1},  // refused broadcast
+        {sms("2", "Add:Bob;1"), 7, 3, 1},  // wrong api kind
+        {sms("3", "Open"), 7, 4, 2},
+    };
+    for (const Step& s : steps) {
+        SCOPED_TRACE(s.message.size() > 50 ? s.message.substr(50) : s.message);
+        EXPECT_EQ(triggers->getactionobject(s.message), s.action);
+        EXPECT_EQ(stat_counter(20), s.received);
+        EXPECT_EQ(stat_counter(16), s.acted);
+    }
+}
+
+TEST_F(ActionsTest, AddressBookCommands) {
+    EXPECT_EQ(triggers->getactionobject(sms("+4999", "add:Bob;+4930")), 3);
+    EXPECT_NE(entry("Bob", "+4930"), nullptr);
+    EXPECT_EQ(triggers->getactionobject(sms("+4999", "Add")), 3);
+    EXPECT_NE(entry("+4999", "+4999"), nullptr);
+
+    EXPECT_EQ(triggers->getactionobject(sms("+4999", "Grp:Team;Eve;+4960")), 4);
+    Group* team = ab.group_find("Team");
+    ASSERT_NE(team, nullptr);
+    ASSERT_NE(team->members, nullptr);
+    EXPECT_EQ(team->members->member_entry, entry("Eve", "+4960"));
+    // A second number of Eve goes into the group as that number.
+    EXPECT_EQ(triggers->getactionobject(sms("+4999", "Grp:Team;Eve;+4961")), 4);
+    ASSERT_NE(team->members->next, nullptr);
+    EXPECT_EQ(team->members->next->member_entry, entry("Eve", "+4961"));
+
+    EXPECT_EQ(triggers->getactionobject(sms("+4999", "DelG:Team")), 2);
+    EXPECT_EQ(ab.group_find("Team"), nullptr);
+    EXPECT_NE(entry("Eve", "+4960"), nullptr);  // contacts stay
+
+    EXPECT_EQ(triggers->getactionobject(sms("+4999", "Pre:Meeting at 10")), 5);
+    EXPECT_EQ(read("var/config/preconf_sms"), rec("^|^Meeting at 10^|^[null]]|[^|^"));
+}
+
+TEST_F(ActionsTest, DeletingAContactCleansTheRuleLists) {
+    ab.ab_insert("Bob", "+4930", "");
+    ab.ab_insert("Bob", "+4931", "");
+    write("var/config/authenticate_list", rec("^|^Bob^|^+4930^|^") + rec("^|^Zed^|^+4940^|^"));
+    EXPECT_EQ(triggers->getactionobject(sms("+4999", "Del:Bob;+4930")), 1);
+    EXPECT_EQ(entry("Bob", "+4930"), nullptr);
+    EXPECT_NE(entry("Bob", "+4931"), nullptr);
+    EXPECT_EQ(read("var/config/authenticate_list"), rec("^|^Zed^|^+4940^|^"));
+    EXPECT_EQ(read("var/config/trigger_broadcast"),
+              rec("^|^Open^|^Doors open^|^Staff]|[^|^NO^|^[null]]|[^|^") +
+                  rec("^|^Ghost^|^Boo^|^Nobody]|[^|^NO^|^[null]]|[^|^") +
+                  rec("^|^Alarm^|^Fire^|^Staff]|[^|^YES^|^[null]]|[^|^"));
+    // A name alone removes every number of it.
+    EXPECT_EQ(triggers->getactionobject(sms("+4999", "Del:bob")), 1);
+    EXPECT_EQ(ab.ab_find("Bob"), nullptr);
+}
+
+TEST_F(ActionsTest, DeleteByNumber) {
+    ab.ab_insert("Carl", "+4940", "");
+    ab.ab_insert("Dora", "+4950", "");
+    ab.ab_insert("Dora", "+4951", "");
+    EXPECT_EQ(triggers->getactionobject(sms("+4940", "Del")), 9);  // the sender's own
+    EXPECT_EQ(ab.ab_find("Carl"), nullptr);
+    EXPECT_EQ(triggers->getactionobject(sms("+4999", "Del:;+4951")), 9);
+    EXPECT_EQ(entry("Dora", "+4951"), nullptr);
+    EXPECT_NE(entry("Dora", "+4950"), nullptr);
+    EXPECT_EQ(read("var/run/enamefile"), "Dora^|^+4951^|^^|^\n");
+    EXPECT_EQ(triggers->getactionobject(sms("+4999", "Del:;+4977")), 9);  // nobody
+    EXPECT_EQ(ab.entry_count, 1);
+}
+
+TEST_F(ActionsTest, ApiStatusLines) {
+    api_records({5, 6, 7});
+    EXPECT_EQ(triggers->getactionobject("api /tmp/req-6 0"), 8);
+    EXPECT_EQ(api_status(6), 0);
+    EXPECT_EQ(read("var/config/api.conf"), "last-done=6\n");
+    EXPECT_EQ(triggers->getactionobject("api /tmp/req-7 3"), 8);
+    EXPECT_EQ(api_status(7), 3);
+    EXPECT_EQ(triggers->getactionobject("api /tmp/req-5"), 8);
+    EXPECT_EQ(api_status(5), 1);
+    EXPECT_EQ(read("var/config/api.conf"), "last-done=6\n");
+}
+
+TEST_F(ActionsTest, BroadcastIsSentToTheGroupMembers) {
+    staff_group();
+    EXPECT_EQ(triggers->getactionobject(sms("+4999", "open")), 0);
+    EXPECT_EQ(rt.job_outstanding, 1);
+    std::string job = reply_text();
+    ASSERT_EQ(job.rfind(dir / "tmp/", 0), 0u) << job;
+    std::string body = test::read_file(job);
+    ASSERT_EQ(body.size(), 160u + 2 * 50u);
+    EXPECT_EQ(body.substr(0, 160), padded("Doors open", 160));
+    std::string a = body.substr(160, 50), b = body.substr(210, 50);
+    EXPECT_TRUE((a == padded("+4911", 50) && b == padded("+4922", 50)) ||
+                (a == padded("+4922", 50) && b == padded("+4911", 50)));
+    EXPECT_TRUE(test::exists(dir / "var/Outbox/outbox_slave_tmp"));
+    // Only the job file is left of the request.
+    EXPECT_FALSE(test::exists(dir / "var/run/pending_jobs"));
+}
+
+TEST_F(ActionsTest, BroadcastToAMissingGroupMakesNoJob) {
+    EXPECT_EQ(triggers->getactionobject(sms("+4999", "Ghost")), 0);
+    EXPECT_EQ(rt.job_outstanding, 0);
+    EXPECT_EQ(reply_text(), "");
+}
+
+TEST_F(ActionsTest, BroadcastWaitsInTheQueueWhileAJobIsOutstanding) {
+    staff_group();
+    rt.job_outstanding = 1;
+    EXPECT_EQ(triggers->getactionobject(sms("+4999", "Open")), 0);
+    EXPECT_EQ(reply_text(), "");
+    const auto& reply = triggers->action_reply();
+    EXPECT_TRUE(std::all_of(reply.begin(), reply.end(), [](char c) { return c == 0; }));
+    std::string queued = read("var/Jobs/Pending_Jobs_1");
+    const std::string group = "Staff]|[";
+    ASSERT_EQ(queued.size(), 108u + 210u + group.size());
+    EXPECT_EQ(queued.substr(0, 12), padded("<JB/SRT>", 12));
+    EXPECT_EQ(i32_at(queued, 12), static_cast<int32_t>(210 + group.size()));
+    EXPECT_EQ(queued.substr(20, 10), padded("ISBRDTRIG", 10));
+    EXPECT_EQ(queued.substr(108), padded("+4999", 50) + padded("Doors open", 160) + group);
+    EXPECT_FALSE(test::exists(dir / "var/run/pending_jobs"));
+
+    // The scheduler feeds it back once txrx is done, and txrx gets the job.
+    test::UdpListener txrx(rt.ports.txrx_out());
+    ASSERT_TRUE(txrx.ok());
+    rt.job_outstanding = 0;
+    queue.create_job_from_pending_jobs(0);
+    EXPECT_EQ(rt.job_outstanding, 1);
+    auto datagram = txrx.receive();
+    ASSERT_TRUE(datagram);
+    ASSERT_EQ(datagram->size(), 100u);
+    std::string path(datagram->c_str());
+    EXPECT_EQ(path, reply_text());
+    EXPECT_EQ(test::read_file(path).substr(0, 160), padded("Doors open", 160));
+}
+
+TEST_F(ActionsTest, ApiRequestsThatAreNotTriggers) {
+    EXPECT_EQ(triggers->api_ProcessTrigs("send-sms api4 /tmp/x"), 0);
+    EXPECT_EQ(triggers->api_ProcessTrigs("send-sms api /tmp/x-1"), 0);
+    EXPECT_EQ(triggers->api_ProcessTrigs("send-sms /tmp/x"), 0);
+    EXPECT_EQ(triggers->api_ProcessTrigs("send-sms"), 0);
+}
+
+TEST_F(ActionsTest, ApiCommandTriggers) {
+    api_records({6, 7});
+    std::string path = request_file("req-6", "Add:Fred;+4970");
+    EXPECT_EQ(triggers->api_ProcessTrigs("send-sms api3 " + path + "\r\n"), 1);
+    EXPECT_NE(entry("Fred", "+4970"), nullptr);
+    EXPECT_EQ(api_status(6), 0);
+    EXPECT_FALSE(test::exists(path));
+    // A broadcast is not a command: refused with 610.
+    path = request_file("req-7", "Open");
+    EXPECT_EQ(triggers->api_ProcessTrigs("send-sms api3 " + path), 1);
+    EXPECT_EQ(api_status(7), 610);
+    EXPECT_FALSE(test::exists(path));
+}
+
+TEST_F(ActionsTest, ApiBroadcastTriggerGoesToTxrx) {
+    staff_group();
+    api_records({6, 7});
+    test::UdpListener txrx(rt.ports.txrx_out());
+    ASSERT_TRUE(txrx.ok());
+    std::string path = request_file("req-6", "Add:Fred;+4970");
+    EXPECT_EQ(triggers->api_ProcessTrigs("send-sms api2 " + path), 1);
+    EXPECT_EQ(api_status(6), 611);
+    EXPECT_EQ(entry("Fred", "+4970"), nullptr);
+    EXPECT_FALSE(txrx.receive(300ms));
+
+    path = request_file("req-7", "Open");
+    EXPECT_EQ(triggers->api_ProcessTrigs("send-sms api2 " + path), 1);
+    auto datagram = txrx.receive();
+    ASSERT_TRUE(datagram);
+    ASSERT_EQ(datagram->back(), '\0');
+    std::string text = datagram->substr(0, datagram->size() - 1);
+    ASSERT_EQ(text.rfind("api " + (dir / "tmp/"), 0), 0u) << text;
+    EXPECT_EQ(text.substr(text.size() - 2), "-7");
+    EXPECT_EQ(test::read_file(text.substr(4)).substr(0, 160), padded("Doors open", 160));
+    EXPECT_EQ(rt.job_outstanding, 1);
+    EXPECT_EQ(api_status(7), 2);
+    EXPECT_EQ(rt.api_trigger.pending, 0);
+    EXPECT_FALSE(test::exists(path));
+}
+
+TEST_F(ActionsTest, ApiBroadcastTriggerIsQueuedWithItsUser) {
+    staff_group();
+    rt.job_outstanding = 1;
+    std::string path = request_file("req-42", "Open");
+    EXPECT_EQ(triggers->api_ProcessTrigs("send-sms api2 " + path), 1);
+    std::string queued = read("var/Jobs/Pending_Jobs_1");
+    ASSERT_GE(queued.size(), 108u);
+    EXPECT_EQ(std::string(queued.c_str() + 20), "ISBRDTRIGapi42-admin");
+    EXPECT_EQ(queued.substr(108, 50), padded("0", 50));
+}
+
+TEST_F(ActionsTest, RefusedRequestFilesAreLeftAlone) {
+    api_records({1});
+    std::string outside = dir / "elsewhere/req-1";
+    test::write_file(outside, build_request_file("admin", "Add:Mal;+4966", "", "", ""));
+    std::string link = dir / "tmp/req-1";
+    ASSERT_EQ(::symlink(outside.c_str(), link.c_str()), 0);
+    const std::string refused[] = {outside, link, dir / "tmp/../elsewhere/req-1", "tmp/req-1",
+                                   dir / "tmp/missing-1"};
+    for (const auto& p : refused) {
+        SCOPED_TRACE(p);
+        EXPECT_EQ(triggers->api_ProcessTrigs("send-sms api3 " + p), 1);
+    }
+    EXPECT_TRUE(test::exists(outside));
+    EXPECT_TRUE(test::exists(link));
+    EXPECT_EQ(ab.ab_find("Mal"), nullptr);
+    EXPECT_EQ(api_status(1), 1);
+}
+
+}  // namespace
+}  // namespace smsgw

@@ -1,0 +1,125 @@
+// The loop-back time setting: the inbox reader, the date argument and the
+// run of the date program.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <cstring>
+#include <string>
+
+#include "common/runtime.h"
+#include "support/test_support.h"
+#include "triggers/time_settings.h"
+
+namespace smsgw {
+namespace {
+
+using test::TempDir;
+
+std::string inbox_record(const std::string& text) {
+    int32_t n = static_cast<int32_t>(text.size());
+    std::string out(4, '\0');
+    std::memcpy(out.data(), &n, 4);
+    return out + text;
+}
+
+std::string raw_length(int32_t n) {
+    std::string out(4, '\0');
+    std::memcpy(out.data(), &n, 4);
+    return out;
+}
+
+std::string loop_back(const std::string& date, const std::string& time) {
+    return "+4912345^|^" + date + "^|^" + time + "^|^TIMESETTINGS_LOOP_BACK_MSG";
+}
+
+TEST(DateArgument, BuiltFromTheStampsAsTheyStand) {
+    EXPECT_EQ(date_argument("24/03/01", "12:05:09+04"), "030112052024.09");
+    EXPECT_EQ(date_argument("99/12/31", "23:59:59-08"), "123123592099.59");
+    EXPECT_EQ(date_argument("00/1/2", "3:4:5"), "12342000.5");
+    const std::pair<const char*, const char*> bad[] = {
+        {"24/03/0a", "12:05:09+04"}, {"2024/03/01", "12:05:09+04"}, {"24/03", "12:05:09"},
+        {"24/03/01", "12:05"},       {"24/03/01", "12:05:+04"},     {"", ""},
+        {"24/03/01", ";rm -rf /"},   {"$(id)/03/01", "12:05:09"},   {"24/03/01 ", "12:05:09"},
+        {"24/-3/01", "12:05:09"},    {"24/03/01", "12:05:09.5+1"},
+    };
+    for (const auto& [date, time] : bad) EXPECT_FALSE(date_argument(date, time)) << date << time;
+}
+
+class InboxTest : public ::testing::Test {
+  protected:
+    std::string inbox() const { return dir / "var/Inbox/smsinbox.dat"; }
+    void write_inbox(const std::string& content) { test::write_file(inbox(), content); }
+
+    TempDir dir;
+};
+
+TEST_F(InboxTest, FirstLoopBackRecordInFileOrderIsUsed) {
+    write_inbox(inbox_record("+4911^|^24/01/01^|^01:01:01+00^|^hello") +
+                inbox_record("no separators at all") +
+                inbox_record(loop_back("24/03/01", "12:05:09+04")) +
+                inbox_record(loop_back("25/04/02", "13:06:10+04")));
+    LoopBackTime t = read_loop_back_time(inbox());
+    EXPECT_TRUE(t.opened);
+    EXPECT_TRUE(t.found);
+    EXPECT_EQ(t.date, "030112052024.09");
+}
+
+TEST_F(InboxTest, DamagedLengthsEndTheReading) {
+    const std::string good = inbox_record(loop_back("24/03/01", "12:05:09+04"));
+    const std::string cases[] = {
+        raw_length(-1) + good,
+        raw_length(0) + good,
+        raw_length(0x7fffffff) + good,
+        raw_length(static_cast<int32_t>(good.size()) + 1) + good,  // runs past the end
+        std::string("\x01\x00", 2),                                // length cut short
+        "",
+    };
+    for (const auto& content : cases) {
+        write_inbox(content);
+        LoopBackTime t = read_loop_back_time(inbox());
+        EXPECT_TRUE(t.opened);
+        EXPECT_FALSE(t.found);
+        EXPECT_FALSE(t.date);
+    }
+    EXPECT_FALSE(read_loop_back_time(dir / "missing").opened);
+}
+
+TEST_F(InboxTest, BadStampOfTheFirstLoopBackRecordLeavesTheClock) {
+    write_inbox(inbox_record(loop_back("24/03/01", "12:05:$(id)")) +
+                inbox_record(loop_back("24/03/01", "12:05:09+04")));
+    LoopBackTime t = read_loop_back_time(inbox());
+    EXPECT_TRUE(t.found);
+    EXPECT_FALSE(t.date);
+}
+
+// A date program that records its arguments, one per line.
+class DateProgramTest : public InboxTest {
+  protected:
+    void SetUp() override {
+        test::write_file(dir / "bin/date",
+                         "#!/bin/sh\nfor a in \"$@\"; do echo \"$a\"; done >> \"" + log() + "\"\n");
+        ::chmod((dir / "bin/date").c_str(), 0755);
+    }
+    std::string log() const { return dir / "date.log"; }
+
+    Runtime rt{dir.path(), 0};
+};
+
+TEST_F(DateProgramTest, RunsDateWithOneArgument) {
+    write_inbox(inbox_record(loop_back("24/03/01", "12:05:09+04")));
+    EXPECT_TRUE(set_time_from_loop_back(rt));
+    EXPECT_EQ(test::read_file(log()), "030112052024.09\n");
+}
+
+TEST_F(DateProgramTest, NothingRunsForBadOrMissingRecords) {
+    EXPECT_FALSE(set_time_from_loop_back(rt));  // no inbox
+    write_inbox(inbox_record(loop_back("24/03/01", "12:05:09;touch " + dir.path() + "/x")));
+    EXPECT_FALSE(set_time_from_loop_back(rt));
+    write_inbox(inbox_record("+4911^|^24/03/01^|^12:05:09+04^|^just a text"));
+    EXPECT_FALSE(set_time_from_loop_back(rt));
+    EXPECT_FALSE(test::exists(log()));
+    EXPECT_FALSE(test::exists(dir / "x"));
+}
+
+}  // namespace
+}  // namespace smsgw

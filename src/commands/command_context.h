@@ -46,6 +46,9 @@ struct CommandContext {
     std::string response_file() const { return rt.path("/var/run/RESPONSE_FILE"); }
 };
 
+// Opens the response file for writing, created afresh.
+FilePtr open_response_file(const std::string& path);
+
 // The response file opened for a listing: the address book writes into it
 // while it is open; closed (and detached from the book) on destruction.
 class ResponseListing {

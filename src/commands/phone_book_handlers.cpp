@@ -49,8 +49,16 @@ std::optional<std::string> CommandContext::next_field(size_t room) {
     return word;
 }
 
+FilePtr open_response_file(const std::string& path) {
+    // A fresh file each time: whatever was found at the name (a planted
+    // link, a second name of another file, a pipe) is removed, never
+    // written through. Unlinking also spares the file system the flush it
+    // does when a truncated file with data is closed.
+    return open_fixed_temp(path, "w");
+}
+
 ResponseListing::ResponseListing(CommandContext& ctx)
-    : ctx_(ctx), file_(open_fixed_temp(ctx.response_file(), "w")) {
+    : ctx_(ctx), file_(open_response_file(ctx.response_file())) {
     ctx_.ab.list_output = file_.get();
 }
 

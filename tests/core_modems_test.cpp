@@ -28,6 +28,7 @@
 namespace smsgw {
 namespace {
 
+using test::PtyModem;
 using test::TempDir;
 using namespace std::chrono_literals;
 
@@ -99,66 +100,10 @@ TEST(CoreModemProbe, SignalValueMustBeFrom1To31) {
         EXPECT_EQ(signal_value_usable(c.answer), c.usable) << c.answer;
 }
 
-// A simulated modem on a pseudo-terminal: answers the first command line
-// it receives with a fixed text.
-class FakeModem {
-  public:
-    explicit FakeModem(std::string answer) : answer_(std::move(answer)) {
-        master_ = ::posix_openpt(O_RDWR | O_NOCTTY);
-        EXPECT_GE(master_, 0);
-        EXPECT_EQ(::grantpt(master_), 0);
-        EXPECT_EQ(::unlockpt(master_), 0);
-        slave_path_ = ::ptsname(master_);
-        // Held open so the master never sees a hang-up between opens.
-        slave_ = ::open(slave_path_.c_str(), O_RDWR | O_NOCTTY);
-        thread_ = std::thread([this] { serve(); });
-    }
-    ~FakeModem() {
-        stop_ = true;
-        thread_.join();
-        ::close(slave_);
-        ::close(master_);
-    }
-    const std::string& slave_path() const { return slave_path_; }
-    std::string received() {
-        std::lock_guard<std::mutex> lock(mu_);
-        return received_;
-    }
-
-  private:
-    void serve() {
-        std::string got;
-        while (!stop_ && got.find("\r\n") == std::string::npos) {
-            pollfd p{master_, POLLIN, 0};
-            if (::poll(&p, 1, 50) <= 0) continue;
-            char buf[64];
-            ssize_t n = ::read(master_, buf, sizeof buf);
-            if (n > 0) got.append(buf, static_cast<size_t>(n));
-        }
-        {
-            std::lock_guard<std::mutex> lock(mu_);
-            received_ = got;
-        }
-        if (!stop_ && !answer_.empty()) {
-            EXPECT_EQ(::write(master_, answer_.data(), answer_.size()),
-                      static_cast<ssize_t>(answer_.size()));
-        }
-    }
-
-    std::string answer_;
-    int master_ = -1;
-    int slave_ = -1;
-    std::string slave_path_;
-    std::atomic<bool> stop_{false};
-    std::mutex mu_;
-    std::string received_;
-    std::thread thread_;
-};
-
 TEST(CoreModemProbe, OnlyModemsWithAUsableSignalAreListedInNameOrder) {
     TempDir root;
     test::write_file(root / "var/run/.keep", "");
-    FakeModem s1("\r\n+CSQ: 15,99\r\nOK\r\n"), s2("+CSQ: 99,99\r\n"), s3("+CSQ: 31,0\r\n"),
+    PtyModem s1("\r\n+CSQ: 15,99\r\nOK\r\n"), s2("+CSQ: 99,99\r\n"), s3("+CSQ: 31,0\r\n"),
         s10("+CSQ: 0,0\r\n");
     ::mkdir((root / "dev").c_str(), 0755);
     ASSERT_EQ(::symlink(s1.slave_path().c_str(), (root / "dev/ttyS1").c_str()), 0);
@@ -183,7 +128,7 @@ TEST(CoreModemProbe, MissingOrSilentDevicesAreRejected) {
     TempDir root;
     EXPECT_EQ(getserialfd(""), -1);
     EXPECT_EQ(probe_modem(root / "dev/ttyS0", 10), -1);
-    FakeModem mute("");  // reads the command, answers nothing
+    PtyModem mute("");  // reads the command, answers nothing
     EXPECT_EQ(probe_modem(mute.slave_path(), 200), -1);
 }
 

@@ -260,4 +260,44 @@ std::optional<std::string> UdpListener::receive(std::chrono::milliseconds deadli
     return receive_on(fd_, deadline);
 }
 
+PtyModem::PtyModem(std::string answer) : answer_(std::move(answer)) {
+    master_ = ::posix_openpt(O_RDWR | O_NOCTTY);
+    if (master_ < 0 || ::grantpt(master_) != 0 || ::unlockpt(master_) != 0) std::abort();
+    slave_path_ = ::ptsname(master_);
+    // Held open so the master never sees a hang-up between the prober's opens.
+    slave_ = ::open(slave_path_.c_str(), O_RDWR | O_NOCTTY);
+    thread_ = std::thread([this] { serve(); });
+}
+
+PtyModem::~PtyModem() {
+    stop_ = true;
+    thread_.join();
+    ::close(slave_);
+    ::close(master_);
+}
+
+std::string PtyModem::received() {
+    std::lock_guard<std::mutex> lock(mu_);
+    return received_;
+}
+
+void PtyModem::serve() {
+    std::string got;
+    while (!stop_ && got.find("\r\n") == std::string::npos) {
+        pollfd p{master_, POLLIN, 0};
+        if (::poll(&p, 1, 50) <= 0) continue;
+        char buf[64];
+        ssize_t n = ::read(master_, buf, sizeof buf);
+        if (n > 0) got.append(buf, static_cast<size_t>(n));
+    }
+    {
+        std::lock_guard<std::mutex> lock(mu_);
+        received_ = got;
+    }
+    if (!stop_ && !answer_.empty()) {
+        ssize_t n = ::write(master_, answer_.data(), answer_.size());
+        (void)n;
+    }
+}
+
 }  // namespace smsgw::test

@@ -4,10 +4,13 @@
 
 #include <sys/types.h>
 
+#include <atomic>
 #include <chrono>
 #include <functional>
+#include <mutex>
 #include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace smsgw::test {
@@ -104,6 +107,32 @@ class UdpListener {
 
   private:
     int fd_ = -1;
+};
+
+// A simulated modem on a pseudo-terminal: a thread answers the first command
+// line (ending in "\r\n") written to the slave with a fixed text. Link
+// DIR/dev/ttySN to slave_path() to have the daemon probe it.
+class PtyModem {
+  public:
+    explicit PtyModem(std::string answer);
+    ~PtyModem();
+    PtyModem(const PtyModem&) = delete;
+    PtyModem& operator=(const PtyModem&) = delete;
+    const std::string& slave_path() const { return slave_path_; }
+    // The command line received so far ("" before it is complete).
+    std::string received();
+
+  private:
+    void serve();
+
+    std::string answer_;
+    int master_ = -1;
+    int slave_ = -1;
+    std::string slave_path_;
+    std::atomic<bool> stop_{false};
+    std::mutex mu_;
+    std::string received_;
+    std::thread thread_;
 };
 
 }  // namespace smsgw::test

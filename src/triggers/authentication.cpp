@@ -1,8 +1,8 @@
 #include "triggers/authentication.h"
 
+#include "commands/rule_lists.h"
 #include "common/text.h"
 #include "common/trace.h"
-#include "triggers/rule_records.h"
 
 namespace smsgw {
 
@@ -56,7 +56,7 @@ int authenticate_sender(const Runtime& rt, int code, std::string_view trigger_va
     size_t p = trigger_value.find(kSep);
     if (p == std::string_view::npos || !starts_with(trigger_value.substr(p + kSep.size()), "YES"))
         return code;
-    auto records = read_trigger_rule_records(rt.path("/var/config/authenticate_list"));
+    auto records = read_rule_records(rt.path("/var/config/authenticate_list"));
     if (!records) return code;
     bool found = false;
     for (const std::string& record : *records) {

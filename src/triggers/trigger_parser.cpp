@@ -4,12 +4,12 @@
 #include <array>
 #include <utility>
 
+#include "commands/rule_lists.h"
 #include "common/bytes.h"
 #include "common/fileops.h"
 #include "common/text.h"
 #include "common/trace.h"
 #include "triggers/authentication.h"
-#include "triggers/rule_records.h"
 
 namespace smsgw {
 
@@ -206,7 +206,7 @@ std::optional<std::string> find_trigger(const Runtime& rt, std::string_view name
         {"/var/config/trigger_broadcast", true},
     };
     for (const auto& [file, broadcast] : kFiles) {
-        auto records = read_trigger_rule_records(rt.path(file));
+        auto records = read_rule_records(rt.path(file));
         if (!records) return std::nullopt;
         for (const std::string& record : *records) {
             std::string_view text = record;

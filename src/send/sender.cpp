@@ -319,8 +319,6 @@ void Sender::send_sms_handler(std::string_view request, int is_slave) {
     job_fd.release();
     std::fwrite(text_field, 1, kTextSize, job.get());
     recipients_.recipients_write(job.get());
-    std::fflush(job.get());
-    ::fsync(fileno(job.get()));
     job.reset();
     recipients_.recipients_clear();
 
@@ -344,7 +342,9 @@ void Sender::send_sms_handler(std::string_view request, int is_slave) {
     std::fseek(outbox.get(), 0, SEEK_SET);
     write_i32(outbox.get(), r);
     std::fflush(outbox.get());
-    ::fsync(fileno(outbox.get()));
+    // The slave record replaces a file others read; it must be whole on disk
+    // before the rename makes it visible.
+    if (is_slave != 0) ::fsync(fileno(outbox.get()));
     outbox.reset();
 
     if (is_slave == 0) {

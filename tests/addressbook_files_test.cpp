@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <random>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -209,4 +210,77 @@ TEST_F(Files, MissingFilesLeaveAnEmptyBook) {
     EXPECT_EQ(ab.entry_count, 0);
     EXPECT_EQ(ab.group_count, 0);
     EXPECT_FALSE(test::exists(rt.path("/var/run/init_address_book")));
+}
+
+// The contact file's group positions must be what one group_write_memberships
+// call per entry, in table order, finds and leaves behind, also for member
+// lists out of table order (bulk appends, duplicates).
+TEST_F(Files, SaveAgreesWithPerEntryMembershipScan) {
+    std::mt19937 rng(99);
+    for (int round = 0; round < 40; ++round) {
+        ReplyBuffer r1, r2;
+        AddressBook fast(r1), slow(r2);
+        std::vector<std::pair<std::string, std::string>> contacts;
+        int count = 5 + static_cast<int>(rng() % 40);
+        for (int i = 0; i < count; ++i) {
+            std::string name(1 + rng() % 3, 'a');
+            for (char& c : name) c = "aAbB"[rng() % 4];
+            std::string number = std::string(1, "xX1"[rng() % 3]) + std::to_string(rng() % 4);
+            contacts.emplace_back(name, number);
+        }
+        for (auto* ab : {&fast, &slow}) {
+            std::vector<Entry*> entries;
+            for (auto& [n, num] : contacts)
+                if (TrieNode* node = ab->ab_insert(n, num, "d"))
+                    entries.push_back(AddressBook::ab_find_number(node->entries.get(), num));
+            for (int g = 0; g < 4; ++g) ab->group_append_loaded("g" + std::to_string(g));
+            std::mt19937 same(static_cast<unsigned>(round));  // same lists in both books
+            int gi = 0;
+            for (Group* g = ab->first_group(); g; g = g->next.get(), ++gi) {
+                if (gi == 0) ab->group_fill_all(g);
+                size_t k = same() % (entries.size() + 1);
+                for (size_t j = 0; j < k; ++j) {
+                    Entry* e = entries[same() % entries.size()];
+                    if (gi == 1)
+                        ab->group_add_member_to(g, e);  // sorted
+                    else
+                        ab->group_append_member(g, e);  // any order, duplicates
+                }
+            }
+        }
+        for (int save_no = 0; save_no < 3; ++save_no) {
+            FILE* f = std::tmpfile();
+            ab_save_contacts(fast, f);
+            std::string got;
+            std::rewind(f);
+            for (int c; (c = std::fgetc(f)) != EOF;) got += static_cast<char>(c);
+            std::fclose(f);
+            std::string want;
+            FILE* w = std::tmpfile();
+            slow.ab_for_each_entry([&](Entry& e) {
+                std::fprintf(w, "%s^|^%s^|^%s^|^", e.name.c_str(), e.number.c_str(),
+                             e.description.c_str());
+                slow.group_write_memberships(w, e.name, e.number);
+            });
+            std::rewind(w);
+            for (int c; (c = std::fgetc(w)) != EOF;) want += static_cast<char>(c);
+            std::fclose(w);
+            ASSERT_EQ(got, want) << "round " << round << " save " << save_no;
+            Group* a = fast.first_group();
+            Group* b = slow.first_group();
+            for (; a && b; a = a->next.get(), b = b->next.get()) {
+                std::vector<std::string> ma, mb;
+                for (auto m = a->members.get(); m; m = m->next.get())
+                    ma.push_back(m->member_entry->name + "/" + m->member_entry->number);
+                for (auto m = b->members.get(); m; m = m->next.get())
+                    mb.push_back(m->member_entry->name + "/" + m->member_entry->number);
+                ASSERT_EQ(ma, mb) << "round " << round;
+                ASSERT_EQ(a->last_member == nullptr, b->last_member == nullptr);
+                if (a->last_member) {
+                    ASSERT_EQ(a->last_member->member_entry->number,
+                              b->last_member->member_entry->number);
+                }
+            }
+        }
+    }
 }

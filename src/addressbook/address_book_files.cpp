@@ -19,8 +19,12 @@
 #include <sys/types.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cstdint>
 #include <cstdio>
+#include <deque>
 #include <string>
+#include <vector>
 
 #include "addressbook/address_book_util.h"
 #include "common/fileops.h"
@@ -45,8 +49,9 @@ void append_bounded(std::string& to, std::string_view text, size_t max) {
 void load_groups(AddressBook& ab, const std::string& path) {
     FilePtr f = open_file(path, "r");
     if (!f) return;
+    LineReader reader(f.get());
     std::string line;
-    while (read_line(f.get(), line, kLineKeep)) {
+    while (reader.next(line, kLineKeep)) {
         std::string name = line.substr(0, kGroupLineMax);
         if (name == "\n") continue;
         trace("%s - %d\n", name.c_str(), static_cast<int>(name.size()));
@@ -59,19 +64,20 @@ void load_groups(AddressBook& ab, const std::string& path) {
 
 // Field 3: the description up to its separator, which may lie on a later
 // line. `rest` is left behind the separator.
-std::string read_description(FILE* f, std::string& line, std::string_view& rest) {
-    std::string description;
+void read_description(LineReader& reader, std::string& line, std::string_view& rest,
+                      std::string& description) {
+    description.clear();
     for (;;) {
         size_t p = rest.find(kSep);
         if (p != std::string_view::npos) {
             append_bounded(description, rest.substr(0, p), kDescriptionMax);
             rest.remove_prefix(p + kSep.size());
-            return description;
+            return;
         }
         append_bounded(description, rest, kDescriptionMax);
-        if (!read_line(f, line, kLineKeep)) {
+        if (!reader.next(line, kLineKeep)) {
             rest = {};
-            return description;
+            return;
         }
         rest = line;
     }
@@ -93,24 +99,25 @@ void add_positions(AddressBook& ab, std::string_view list, Entry* entry) {
 void load_contacts(AddressBook& ab, const std::string& path) {
     FilePtr f = open_file(path, "r");
     if (!f) return;
-    std::string line;
+    LineReader reader(f.get());
+    std::string line, name, number, description;
     Tokenizer tok;
     int counter = 1;
-    while (read_line(f.get(), line, kLineKeep)) {
-        if (iequals(line, "\n")) continue;
+    while (reader.next(line, kLineKeep)) {
+        if (line == "\n") continue;
         trace("%d\n", counter++);
 
         std::string_view piece = std::string_view(line).substr(0, kContactPiece);
         std::string_view cursor = tok.next_token(piece, kSep);
         if (!tok.token_found()) continue;
-        std::string name = tok.word().substr(0, kFieldMax);
+        name.assign(tok.word(), 0, kFieldMax);
         cursor = tok.next_token(cursor, kSep);
         if (!tok.token_found()) continue;
-        std::string number = tok.word().substr(0, kFieldMax);
+        number.assign(tok.word(), 0, kFieldMax);
 
         std::string_view rest =
             std::string_view(line).substr(static_cast<size_t>(cursor.data() - piece.data()));
-        std::string description = read_description(f.get(), line, rest);
+        read_description(reader, line, rest, description);
 
         TrieNode* node = ab.ab_insert(name, number, description);
         if (!node) continue;
@@ -132,6 +139,204 @@ void empty_directory(const std::string& dir) {
     ::closedir(d);
 }
 
+void write_entry_fields(FILE* stream, const Entry& e) {
+    std::fwrite(e.name.data(), 1, e.name.size(), stream);
+    std::fwrite("^|^", 1, 3, stream);
+    std::fwrite(e.number.data(), 1, e.number.size(), stream);
+    std::fwrite("^|^", 1, 3, stream);
+    std::fwrite(e.description.data(), 1, e.description.size(), stream);
+    std::fwrite("^|^", 1, 3, stream);
+}
+
+// The entries in table order, with the rank of the node holding each (one
+// rank per name) and the first index of every rank.
+struct TableOrder {
+    std::vector<Entry*> entries;
+    std::vector<uint32_t> rank;
+    std::vector<uint32_t> first_of_rank;
+};
+
+TableOrder table_order(AddressBook& ab) {
+    TableOrder t;
+    size_t n = static_cast<size_t>(ab.entry_count > 0 ? ab.entry_count : 0);
+    t.entries.reserve(n);
+    t.rank.reserve(n);
+    std::vector<TrieNode*> stack;
+    if (ab.trie_root().sibling) stack.push_back(ab.trie_root().sibling.get());
+    while (!stack.empty()) {
+        TrieNode* node = stack.back();
+        stack.pop_back();
+        if (node->entries) {
+            auto r = static_cast<uint32_t>(t.first_of_rank.size());
+            t.first_of_rank.push_back(static_cast<uint32_t>(t.entries.size()));
+            for (Entry* e = node->entries.get(); e; e = e->next.get()) {
+                t.entries.push_back(e);
+                t.rank.push_back(r);
+            }
+        }
+        if (node->sibling) stack.push_back(node->sibling.get());
+        if (node->child) stack.push_back(node->child.get());
+    }
+    return t;
+}
+
+// Entry address -> table index, open addressing: a save looks up every
+// member once or more, and a node-based map would cost an allocation per
+// entry and a division per lookup.
+class EntryIndex {
+  public:
+    explicit EntryIndex(size_t n) {
+        size_t size = 16;
+        while (size < 2 * n) size <<= 1;
+        keys_.assign(size, nullptr);
+        values_.assign(size, 0);
+        mask_ = size - 1;
+    }
+    void insert(const Entry* e, uint32_t value) {
+        size_t i = slot(e);
+        while (keys_[i] && keys_[i] != e) i = (i + 1) & mask_;
+        keys_[i] = e;
+        values_[i] = value;
+    }
+    // The index, or UINT32_MAX when the entry is not in the table.
+    uint32_t find(const Entry* e) const {
+        for (size_t i = slot(e);; i = (i + 1) & mask_) {
+            if (keys_[i] == e) return values_[i];
+            if (!keys_[i]) return UINT32_MAX;
+        }
+    }
+
+  private:
+    size_t slot(const Entry* e) const {
+        uint64_t h = static_cast<uint64_t>(reinterpret_cast<uintptr_t>(e) >> 4);
+        return static_cast<size_t>((h * 0x9E3779B97F4A7C15ull) >> 20) & mask_;
+    }
+    std::vector<const Entry*> keys_;
+    std::vector<uint32_t> values_;
+    size_t mask_ = 0;
+};
+
+// One "%d," of the contact file: entry `index` (table order) is a member of
+// the group at `position`.
+struct Membership {
+    uint32_t index;
+    int position;
+};
+
+// Chains the group's member nodes anew in the given order (the same nodes,
+// so pointers held elsewhere stay valid).
+template <typename List>
+void relink(Group& g, const List& order) {
+    std::unique_ptr<GroupMember> cur = std::move(g.members);
+    while (cur) {
+        std::unique_ptr<GroupMember> next = std::move(cur->next);
+        (void)cur.release();  // owned again below, through `order`
+        cur = std::move(next);
+    }
+    std::unique_ptr<GroupMember> head;
+    for (auto it = order.rbegin(); it != order.rend(); ++it) {
+        it->member->next = std::move(head);
+        head.reset(it->member);
+    }
+    g.members = std::move(head);
+    g.last_member = order.empty() ? nullptr : order.back().member;
+}
+
+// The group positions of every entry, exactly as a call of
+// group_write_memberships per entry in table order would find them, member
+// lists rotated the same way; but computed group by group, so that a group
+// costs work only at the entries where its first member could match rather
+// than a text comparison for every entry.
+//
+// A save visits entries in table order, so "name compared with the member's
+// name, ignoring case" is the order of the two entries' nodes: the rank of
+// the node (same rank: same name) replaces the text comparison. Returns
+// false, without touching any list, when a member does not point at an
+// entry of the table (the ranks would not apply).
+bool group_memberships(AddressBook& ab, const TableOrder& table, std::vector<Membership>& out) {
+    const std::vector<Entry*>& order = table.entries;
+    const std::vector<uint32_t>& rank = table.rank;
+    const std::vector<uint32_t>& first_of_rank = table.first_of_rank;
+    const size_t n = order.size();
+    EntryIndex index_of(n);
+    for (size_t i = 0; i < n; ++i) index_of.insert(order[i], static_cast<uint32_t>(i));
+
+    // Every list as (rank, member) in list order, before anything changes.
+    struct Item {
+        uint32_t rank;
+        const Entry* entry;
+        GroupMember* member;
+    };
+    std::vector<std::deque<Item>> lists;
+    for (Group* g = ab.first_group(); g; g = g->next.get()) {
+        lists.emplace_back();
+        for (GroupMember* m = g->members.get(); m; m = m->next.get()) {
+            uint32_t at = index_of.find(m->member_entry);
+            if (at == UINT32_MAX) return false;
+            lists.back().push_back({rank[at], m->member_entry, m});
+        }
+    }
+
+    int position = 1;
+    size_t li = 0;
+    for (Group* g = ab.first_group(); g; g = g->next.get(), ++position, ++li) {
+        std::deque<Item>& q = lists[li];
+        size_t i = 0;
+        while (!q.empty() && i < n) {
+            // Entries before the first member's node stop at the first member.
+            size_t skip_to = first_of_rank[q.front().rank];
+            if (skip_to > i) i = skip_to;
+            if (i >= n) break;
+            for (size_t k = 0; k < q.size(); ++k) {
+                if (rank[i] < q[k].rank) break;
+                if (rank[i] == q[k].rank &&
+                    (q[k].entry == order[i] || iequal(order[i]->number, q[k].entry->number))) {
+                    out.push_back({static_cast<uint32_t>(i), position});
+                    if (k + 1 < q.size()) {
+                        Item moved = q[k];
+                        q.erase(q.begin() + static_cast<std::ptrdiff_t>(k));
+                        q.push_back(moved);
+                    }
+                    break;
+                }
+            }
+            ++i;
+        }
+        relink(*g, q);
+    }
+    return true;
+}
+
+void write_contacts(FILE* stream, const std::vector<Entry*>& order,
+                    std::vector<Membership>& memberships) {
+    // Group by entry, positions ascending (they were found group by group).
+    std::stable_sort(memberships.begin(), memberships.end(),
+                     [](const Membership& a, const Membership& b) { return a.index < b.index; });
+    std::string chunk;
+    chunk.reserve(80 * 1024);
+    char digits[16];
+    size_t next = 0;
+    for (size_t i = 0; i < order.size(); ++i) {
+        const Entry& e = *order[i];
+        chunk += e.name;
+        chunk += "^|^";
+        chunk += e.number;
+        chunk += "^|^";
+        chunk += e.description;
+        chunk += "^|^";
+        for (; next < memberships.size() && memberships[next].index == i; ++next) {
+            int len = std::snprintf(digits, sizeof digits, "%d,", memberships[next].position);
+            chunk.append(digits, static_cast<size_t>(len));
+        }
+        chunk += "^|^\n";
+        if (chunk.size() >= 64 * 1024) {
+            std::fwrite(chunk.data(), 1, chunk.size(), stream);
+            chunk.clear();
+        }
+    }
+    std::fwrite(chunk.data(), 1, chunk.size(), stream);
+}
+
 }  // namespace
 
 void ab_load(AddressBook& ab, const Runtime& rt) {
@@ -147,15 +352,19 @@ void ab_save_contacts(AddressBook& ab, FILE* stream) {
     // caller closes it afterwards.
     FILE* previous = ab.list_output;
     ab.list_output = stream;
-    ab.ab_for_each_entry([&](Entry& e) {
-        std::fwrite(e.name.data(), 1, e.name.size(), stream);
-        std::fwrite("^|^", 1, 3, stream);
-        std::fwrite(e.number.data(), 1, e.number.size(), stream);
-        std::fwrite("^|^", 1, 3, stream);
-        std::fwrite(e.description.data(), 1, e.description.size(), stream);
-        std::fwrite("^|^", 1, 3, stream);
-        ab.group_write_memberships(stream, e.name, e.number);
-    });
+    TableOrder table = table_order(ab);
+    const std::vector<Entry*>& order = table.entries;
+
+    std::vector<Membership> memberships;
+    if (!group_memberships(ab, table, memberships)) {
+        // Some member is not a contact of the table: compare texts.
+        for (Entry* e : order) {
+            write_entry_fields(stream, *e);
+            ab.group_write_memberships(stream, e->name, e->number);
+        }
+    } else {
+        write_contacts(stream, order, memberships);
+    }
     ab.list_output = previous;
 }
 

@@ -6,6 +6,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "addressbook/address_book.h"
 #include "common/text.h"
@@ -19,13 +20,31 @@ inline std::string_view cstr(std::string_view s) {
     return nul == std::string_view::npos ? s : s.substr(0, nul);
 }
 
+// tolower() of the C locale on an unsigned byte; inline because every walk
+// of the tree calls it once per character.
 inline int lower_byte(char c) {
-    return ascii_tolower(static_cast<unsigned char>(c));
+    int u = static_cast<unsigned char>(c);
+    return (u >= 'A' && u <= 'Z') ? u + ('a' - 'A') : u;
+}
+
+// strcasecmp() on views.
+inline int icompare(std::string_view a, std::string_view b) {
+    size_t n = a.size() < b.size() ? a.size() : b.size();
+    for (size_t i = 0; i < n; ++i) {
+        int d = lower_byte(a[i]) - lower_byte(b[i]);
+        if (d != 0) return d;
+    }
+    if (a.size() == b.size()) return 0;
+    return a.size() < b.size() ? -1 : 1;
+}
+
+inline bool iequal(std::string_view a, std::string_view b) {
+    return a.size() == b.size() && icompare(a, b) == 0;
 }
 
 // `text` begins with `prefix`, ignoring case.
 inline bool istarts_with(std::string_view text, std::string_view prefix) {
-    return text.size() >= prefix.size() && iequals(text.substr(0, prefix.size()), prefix);
+    return text.size() >= prefix.size() && iequal(text.substr(0, prefix.size()), prefix);
 }
 
 // Frees a member list one node at a time (lists can be 20000 long).
@@ -33,21 +52,21 @@ inline void free_members(std::unique_ptr<GroupMember> m) {
     while (m) m = std::move(m->next);
 }
 
-// Reads one line with its '\n' (none at the end of the file). At most
-// `keep` bytes are stored, the rest of the line is consumed; a NUL byte
-// ends the line's text as it ends a C string. False at end of file.
-inline bool read_line(FILE* f, std::string& line, size_t keep) {
-    line.clear();
-    bool any = false;
-    bool cut = false;
-    int c;
-    while ((c = getc_unlocked(f)) != EOF) {
-        any = true;
-        if (c == '\0') cut = true;
-        if (!cut && line.size() < keep) line.push_back(static_cast<char>(c));
-        if (c == '\n') break;
-    }
-    return any;
-}
+// Reads a stream line by line in large blocks.
+class LineReader {
+  public:
+    explicit LineReader(FILE* f) : f_(f), buf_(64 * 1024) {}
+
+    // One line with its '\n' (none at the end of the file). At most `keep`
+    // bytes are stored, the rest of the line is consumed; a NUL byte ends
+    // the line's text as it ends a C string. False at end of file.
+    bool next(std::string& line, size_t keep);
+
+  private:
+    FILE* f_;
+    std::vector<char> buf_;
+    size_t pos_ = 0;
+    size_t len_ = 0;
+};
 
 }  // namespace smsgw

@@ -393,7 +393,7 @@ int AddressBook::ab_list_by_number(std::string_view number) {
     visit_nodes(trie_root_.sibling.get(), [&](TrieNode& n) {
         for (Entry* e = n.entries.get(); e; e = e->next.get()) {
             // Nodes with children compare ignoring case and are not counted.
-            bool match = n.child ? iequals(e->number, number) : e->number == number;
+            bool match = n.child ? iequal(e->number, number) : e->number == number;
             if (!match) continue;
             if (list_output) {
                 std::fwrite(e->name.data(), 1, e->name.size(), list_output);

@@ -161,9 +161,10 @@ void reject(const Runtime& rt, const char* marker, const std::string& upload) {
 bool validate(const Runtime& rt, const std::string& upload, const ColumnFormat& fmt) {
     FilePtr f = open_file(upload, "r");
     if (!f) return false;
+    LineReader reader(f.get());
     std::string line;
     LineFields fields;
-    while (read_line(f.get(), line, kLineMax)) {
+    while (reader.next(line, kLineMax)) {
         fields.clear();
         fields.parse(line, fmt);
         const std::string& first = fields.text[kFirst];
@@ -216,9 +217,10 @@ void csv_import(AddressBook& ab, const Runtime& rt, const std::string& path) {
 
     FilePtr f = open_file(path, "r");
     if (!f) return;
+    LineReader reader(f.get());
     std::string line;
     LineFields fields;
-    while (read_line(f.get(), line, kLineMax)) {
+    while (reader.next(line, kLineMax)) {
         fields.clear();
         fields.parse(line, *fmt);
         std::string& number = fields.text[kNumber];

@@ -12,7 +12,7 @@ Group* AddressBook::find_group_from_head(std::string_view name) {
     name = cstr(name);
     // The head takes part: the empty name finds it while groups exist.
     for (Group* g = &group_list_; g; g = g->next.get())
-        if (iequals(g->group_name, name)) return g;
+        if (iequal(g->group_name, name)) return g;
     return nullptr;
 }
 
@@ -24,8 +24,7 @@ Group* AddressBook::group_create(std::string_view name) {
         return nullptr;
     }
     Group* after = &group_list_;
-    while (after->next && strcasecmp_view(after->next->group_name, name) <= 0)
-        after = after->next.get();
+    while (after->next && icompare(after->next->group_name, name) <= 0) after = after->next.get();
     auto g = std::make_unique<Group>();
     g->group_name.assign(name);
     g->next = std::move(after->next);
@@ -47,7 +46,7 @@ int AddressBook::group_delete(std::string_view name, int keep) {
     }
     name = cstr(name);
     Group* prev = &group_list_;
-    while (prev->next && !iequals(prev->next->group_name, name)) prev = prev->next.get();
+    while (prev->next && !iequal(prev->next->group_name, name)) prev = prev->next.get();
     // The list head is not a group of its own and cannot be deleted.
     if (!prev->next) {
         reply_.set("ERROR:Element Not Found in the Group");
@@ -71,7 +70,7 @@ int AddressBook::insert_member_sorted(Group* group, Entry* entry) {
     std::unique_ptr<GroupMember>* slot = &group->members;
     while (*slot) {
         const Entry& m = *(*slot)->member_entry;
-        int c1 = strcasecmp_view(entry->name, m.name);
+        int c1 = icompare(entry->name, m.name);
         int c2 = entry->number.compare(m.number);
         if (c1 == 0 && c2 == 0) return 0;
         if (c1 < 0 || (c1 == 0 && c2 < 0)) break;
@@ -134,7 +133,7 @@ std::string AddressBook::group_remove_member(Group* group, Entry* entry) {
     std::unique_ptr<GroupMember>* slot = &group->members;
     while (*slot) {
         const Entry& m = *(*slot)->member_entry;
-        if (iequals(m.name, entry->name) && m.number == entry->number) break;
+        if (iequal(m.name, entry->name) && m.number == entry->number) break;
         before = slot->get();
         slot = &(*slot)->next;
     }
@@ -253,9 +252,9 @@ void AddressBook::group_write_memberships(FILE* stream, std::string_view name,
         std::unique_ptr<GroupMember>* slot = &g->members;
         while (*slot) {
             const Entry& m = *(*slot)->member_entry;
-            int c = strcasecmp_view(name, m.name);
+            int c = icompare(name, m.name);
             if (c < 0) break;
-            if (c == 0 && iequals(number, m.number)) {
+            if (c == 0 && iequal(number, m.number)) {
                 std::fprintf(stream, "%d,", i);
                 // Move the match to the end: as a save visits entries in
                 // member order, the match is the first member and one save

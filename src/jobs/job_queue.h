@@ -72,13 +72,24 @@ class JobQueue {
     bool try_init_job_pos_table();
     void load_job_pos_table();
     void update_job_pos_table(int32_t length, int file_index);
+    // 1 when the file cannot be opened, else 0.
     int remove_first_job(const std::string& path);
+    // Cuts the read file down to the chain of records that ends at its end
+    // (walking p_job_ln back-links), or empties it. A record that reaches the
+    // file's start is kept when well-formed, so repeated repairs always end
+    // with a well-formed first record or an empty file.
     void repair_pending_file();
+
+    // A request file named in the line must pass the sender's request-file
+    // policy; a refused one makes no record and is left alone.
 
     void add_to_pending_jobs(std::string_view line);
     void add_to_pending_jobs_broadcasttrigger(const std::string* path, long length);
+    // 0, or -1 on any failure.
     int add_to_permodem_pending_jobs(std::string_view line);
 
+    // Takes at most one job: mode 0 hands it to txrx (nothing while a job is
+    // outstanding), mode 1 answers the peer that asked for work.
     void create_job_from_pending_jobs(int mode);
 
     // The trigger send action (action 0), run by the scheduler on
@@ -91,7 +102,11 @@ class JobQueue {
     std::string api_request_id_text = "0";
     std::string api_user = "admin";
 
-    // Working copies of the table.
+    // Working copies of the table. Loading clamps an index outside 0-8 to 0
+    // and a negative total to 0, so a damaged table never names a file
+    // outside the ring. The queued-job counter of the statistics is
+    // rt.jobs_to_txrx_count: queueing adds one, a hand-off takes one, a
+    // drained queue resets it to 0.
     int P_POS = 0;
     int L_POS = 0;
     long TOTAL_SIZE = 0;

@@ -1,6 +1,7 @@
 #include "send/stats.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -65,6 +66,12 @@ int set_api_status(const Runtime& rt, int id, int status) {
         pos += d * kApiRecord;
     else if (d == -1)
         pos -= kApiRecord;
+    // Records are made by the API front end; a position past the end would
+    // leave a gap (a huge sparse file for an id from a hostile file name) that
+    // every later scan would crawl through, so only existing records and
+    // the one right after the last are written.
+    struct stat st {};
+    if (::fstat(fd.get(), &st) != 0 || pos > static_cast<long long>(st.st_size)) return 0;
     unsigned char out[kApiRecord] = {};
     put_i32(out, id);
     put_i16(out + 4, static_cast<int16_t>(status));

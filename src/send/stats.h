@@ -21,7 +21,9 @@ bool ensure_sms_stats_file(const Runtime& rt);
 void count_sms_stat(const Runtime& rt, long offset);
 
 // Writes the status record of API request `id`; for status 6 the record
-// also carries rt.slave_address and rt.slave_result. 1 when written.
+// also carries rt.slave_address and rt.slave_result. 1 when written; 0 when
+// the file or its first record is missing, or the record would lie past the
+// end of the file.
 int set_api_status(const Runtime& rt, int id, int status);
 
 // Copies the eleven time words of request `id`'s record; false when absent.

@@ -1,0 +1,108 @@
+// Statistics files: the job counters text, the SMS counters, and which API
+// status record an update lands in.
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "common/bytes.h"
+#include "common/fileops.h"
+#include "common/runtime.h"
+#include "send/stats.h"
+#include "support/test_support.h"
+
+namespace smsgw {
+namespace {
+
+using test::TempDir;
+
+struct StatsTest : ::testing::Test {
+    TempDir dir;
+    Runtime rt{dir.path(), 0};
+    StatsTest() { test::prepare_root(dir.path()); }
+    std::string api() { return test::read_file(dir / "var/config/api_stat.st"); }
+    void api_records(std::initializer_list<int32_t> ids) {
+        std::string file(4, '\0');
+        for (int32_t id : ids) {
+            append_i32(file, id);
+            file += std::string(56, '\0');
+        }
+        test::write_file(dir / "var/config/api_stat.st", file);
+    }
+    int32_t id_at(size_t record) {
+        return get_i32(reinterpret_cast<const unsigned char*>(api().data()) + 4 + 60 * record);
+    }
+    int16_t status_at(size_t record) {
+        return get_i16(reinterpret_cast<const unsigned char*>(api().data()) + 8 + 60 * record);
+    }
+};
+
+TEST_F(StatsTest, JobStatsHaveNoFinalNewline) {
+    write_job_stats(rt, 0, 0, 1);
+    EXPECT_EQ(test::read_file(dir / "var/config/job_stats_file"), "0\n0\n1");
+    write_job_stats(rt, -3, 12, 7);
+    EXPECT_EQ(test::read_file(dir / "var/config/job_stats_file"), "-3\n12\n7");
+}
+
+TEST_F(StatsTest, SmsCountersAreAddressedByOffset) {
+    ASSERT_TRUE(ensure_sms_stats_file(rt));
+    count_sms_stat(rt, 20);
+    count_sms_stat(rt, 20);
+    count_sms_stat(rt, 16);
+    count_sms_stat(rt, 22);  // a short read changes nothing
+    std::string s = test::read_file(dir / "var/config/sms_stats_file");
+    ASSERT_EQ(s.size(), 24u);
+    EXPECT_EQ(get_i32(reinterpret_cast<const unsigned char*>(s.data()) + 20), 2);
+    EXPECT_EQ(get_i32(reinterpret_cast<const unsigned char*>(s.data()) + 16), 1);
+}
+
+TEST_F(StatsTest, ApiStatusLandsInTheRecordItsIdSelects) {
+    struct Case {
+        int id;
+        size_t record;
+    };
+    // The first record's id decides; ids older than it overwrite the second.
+    const Case cases[] = {{12, 2}, {10, 0}, {11, 1}, {5, 1}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.id);
+        api_records({10, 11, 12});
+        EXPECT_EQ(set_api_status(rt, c.id, 7), 1);
+        EXPECT_EQ(api().size(), 184u);
+        EXPECT_EQ(id_at(c.record), c.id);
+        EXPECT_EQ(status_at(c.record), 7);
+    }
+}
+
+TEST_F(StatsTest, ApiStatusNeverLeavesAGap) {
+    api_records({10, 11});
+    EXPECT_EQ(set_api_status(rt, 12, 2), 1);  // right after the last record
+    EXPECT_EQ(api().size(), 184u);
+    EXPECT_EQ(set_api_status(rt, 2000000000, 2), 0);
+    EXPECT_EQ(set_api_status(rt, 14, 2), 0);
+    EXPECT_EQ(api().size(), 184u);
+
+    api_records({});
+    EXPECT_EQ(set_api_status(rt, 1, 2), 0);
+    remove_file(dir / "var/config/api_stat.st");
+    EXPECT_EQ(set_api_status(rt, 1, 2), 0);
+}
+
+TEST_F(StatsTest, SlaveResultIsRecordedOnlyWithStatusSix) {
+    api_records({4, 5});
+    rt.slave_address = 0x0500000a;
+    rt.slave_result = 9;
+    set_api_status(rt, 5, 6);
+    set_api_status(rt, 4, 7);
+    std::string s = api();
+    const auto* b = reinterpret_cast<const unsigned char*>(s.data());
+    EXPECT_EQ(static_cast<uint32_t>(get_i32(b + 4 + 60 + 52)), 0x0500000au);
+    EXPECT_EQ(get_i32(b + 4 + 60 + 56), 9);
+    EXPECT_EQ(get_i32(b + 4 + 52), 0);
+    EXPECT_EQ(get_i32(b + 4 + 56), 0);
+    int32_t words[11];
+    ASSERT_TRUE(get_api_time(rt, 5, words));
+    EXPECT_GE(words[5], 100);  // years since 1900
+    EXPECT_FALSE(get_api_time(rt, 6, words));
+}
+
+}  // namespace
+}  // namespace smsgw

@@ -34,7 +34,7 @@ using namespace std::chrono_literals;
 
 // Cross builds run target programs through an emulator named here, e.g.
 // "qemu-mips -L /usr/mips-linux-gnu".
-std::vector<std::string> exec_prefix() {
+std::vector<std::string> emulator_prefix() {
     std::vector<std::string> out;
     const char* p = std::getenv("SMSGW_TEST_EXEC_PREFIX");
     std::istringstream in(p ? p : "");
@@ -53,7 +53,7 @@ class Ctl {
   public:
     Ctl(const TempDir& dir, std::vector<std::string> args)
         : out_(dir / "ctl.out"), err_(dir / "ctl.err") {
-        std::vector<std::string> argv = exec_prefix();
+        std::vector<std::string> argv = emulator_prefix();
         argv.push_back(SMSGWCTL_PATH);
         argv.insert(argv.end(), args.begin(), args.end());
         pid_ = ::fork();
@@ -368,6 +368,7 @@ TEST_F(CtlTest, ErrorRepliesExitWithOneAndShowTheMessage) {
     // A missing group is answered with "SUCCESS" and an empty trailer.
     r = exchange({"groups", "members", "Nope"}, "SUCCESS", "17^|^MAX_ELEMENTS=0");
     EXPECT_EQ(r.status, 1);
+    EXPECT_NE(r.err.find("no such group: Nope"), std::string::npos) << r.err;
 }
 
 // ------------------------------------------------------ listing display

@@ -793,9 +793,8 @@ int cmd_groups(Global& g, const std::vector<std::string>& in) {
         long long start = page_start(a);
         std::string reply = c.request("get-sms group " + field(a.positional[0]) + "^|^" +
                                       std::to_string(start) + "^|^");
-        if (reply == "SUCCESS") {
-            return report(c, "ERROR:Group name doesnot exist", false);
-        }
+        // The daemon answers a listing of a missing group with "SUCCESS".
+        if (reply == "SUCCESS") return report(c, "no such group: " + a.positional[0], false);
         return show_contacts(c, reply, start, "members");
     }
     if (sub == "add-member" || sub == "del-member") {

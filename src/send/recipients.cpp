@@ -1,5 +1,7 @@
 #include "send/recipients.h"
 
+#include <fcntl.h>
+
 #include <algorithm>
 #include <cstring>
 #include <vector>
@@ -146,8 +148,11 @@ int RecipientSet::recipients_add_contact(std::string_view name) {
 }
 
 void RecipientSet::recipients_add_file(const std::string& path) {
-    FilePtr in = open_file(path, "r");
+    // The list sits under a fixed name; a symlink planted there is not read.
+    Fd fd(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+    FilePtr in(fd ? ::fdopen(fd.get(), "r") : nullptr);
     if (!in) return;  // an unreadable list counts as empty
+    fd.release();
     std::string line;
     int c;
     bool overlong = false;

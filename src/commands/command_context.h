@@ -46,8 +46,10 @@ struct CommandContext {
     std::string response_file() const { return rt.path("/var/run/RESPONSE_FILE"); }
 };
 
-// Opens the response file for writing, created afresh.
+// Opens the response file for writing; it starts empty.
 FilePtr open_response_file(const std::string& path);
+// Leaves an empty response file at the name ("> FILE").
+void empty_response_file(const std::string& path);
 
 // The response file opened for a listing: the address book writes into it
 // while it is open; closed (and detached from the book) on destruction.

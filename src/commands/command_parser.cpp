@@ -39,7 +39,7 @@ std::string get_international(CommandContext& ctx) {
 
 std::string get_dispatch(CommandContext& ctx) {
     // The listing of the last request never survives into the next one.
-    open_response_file(ctx.response_file());
+    empty_response_file(ctx.response_file());
     auto word = ctx.next(" ");
     if (!word) return ctx.reply_buffer();
     if (*word == "phone_book") return get_phone_book(ctx);

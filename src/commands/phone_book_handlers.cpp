@@ -2,6 +2,10 @@
 // own fields, calls the contact table and the groups, keeps the rule lists
 // in step and answers with the reply text the web pages expect, including
 // the replies they have always received where these look odd.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cstdio>
 
 #include "commands/command_context.h"
@@ -49,12 +53,31 @@ std::optional<std::string> CommandContext::next_field(size_t room) {
     return word;
 }
 
+bool own_empty_file(const struct stat& st) {
+    return S_ISREG(st.st_mode) && st.st_size == 0 && st.st_nlink == 1 && st.st_uid == ::geteuid();
+}
+
 FilePtr open_response_file(const std::string& path) {
-    // A fresh file each time: whatever was found at the name (a planted
-    // link, a second name of another file, a pipe) is removed, never
-    // written through. Unlinking also spares the file system the flush it
-    // does when a truncated file with data is closed.
+    // The name usually holds the empty file the request began with; it is
+    // used as it is. Anything else found there (a planted link, a second
+    // name of another file, a pipe, old contents) is removed and the file
+    // created afresh, never written through or truncated in place.
+    int fd = ::open(path.c_str(), O_WRONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    if (fd >= 0) {
+        struct stat st {};
+        if (::fstat(fd, &st) == 0 && own_empty_file(st) && ::fcntl(fd, F_SETFL, 0) == 0) {
+            if (FILE* f = ::fdopen(fd, "w")) return FilePtr(f);
+        }
+        ::close(fd);
+    }
     return open_fixed_temp(path, "w");
+}
+
+void empty_response_file(const std::string& path) {
+    // Already our own empty file: emptying it again would change nothing.
+    struct stat st {};
+    if (::lstat(path.c_str(), &st) == 0 && own_empty_file(st)) return;
+    open_fixed_temp(path, "w");
 }
 
 ResponseListing::ResponseListing(CommandContext& ctx)

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <cstdio>
 #include <cstring>
 #include <memory>
 #include <sstream>
@@ -21,6 +22,17 @@ using test::TempDir;
 
 std::string rec(const std::string& text) {
     return std::to_string(text.size()) + text;
+}
+
+// Whether some socket is bound to 127.0.0.1:port (read from the kernel's
+// table, so probing never takes the port away from its owner).
+bool udp_port_bound(int port) {
+    char local[32];
+    std::snprintf(local, sizeof local, "0100007F:%04X", port);
+    std::istringstream table(test::read_file("/proc/net/udp"));
+    for (std::string line; std::getline(table, line);)
+        if (line.find(local) != std::string::npos) return true;
+    return false;
 }
 
 int32_t i32_at(const std::string& bytes, size_t offset) {
@@ -57,6 +69,8 @@ class DaemonTriggers : public ::testing::Test {
         test::write_file(root_ / "var/config/api_stat.st", api);
         daemon_ = std::make_unique<test::Daemon>(root_.path(), offset_);
         ASSERT_TRUE(daemon_->wait_ready()) << daemon_->stderr_text();
+        // Jobs handed over before the simulated txrx listens would be lost.
+        ASSERT_TRUE(test::wait_for([&] { return udp_port_bound(20202 + offset_); }, 10s));
     }
 
     // An incoming-SMS report as txrx sends it: tag, sender char[50], text.

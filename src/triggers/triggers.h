@@ -31,7 +31,10 @@ class Triggers {
     // Action 0 on queue.current_broadcast.
     SendActionResult send_action(int mode);
 
-    // The 100-byte action reply the loop forwards to txrx.
+    // The 100-byte action reply the loop forwards to txrx after action 0:
+    // the prepared job path ("api " + path for an api job), NUL-padded. All
+    // zero when the broadcast was queued or no job could be made, and after
+    // every other action.
     const std::array<char, 100>& action_reply() const { return action_reply_; }
 
   private:

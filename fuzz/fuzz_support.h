@@ -1,0 +1,52 @@
+// What every fuzz target shares: one sandbox root per process that is put
+// back into a known state before each input, and the splitting of one input
+// into the several files a parser reads.
+#pragma once
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace smsgw::fuzz {
+
+// Separates the files packed into one input (seed files stay readable).
+inline constexpr std::string_view kPartSeparator = "\n#--#\n";
+
+// The input cut at the separator into at most `parts` pieces; the last
+// piece keeps any further separators. Missing pieces are empty.
+std::vector<std::string> split_parts(const uint8_t* data, size_t size, size_t parts);
+
+class FuzzRoot {
+  public:
+    // The process-wide root, created on first use and removed at exit.
+    static FuzzRoot& get();
+
+    const std::string& path() const { return root_; }
+    // Port offset for this process, so parallel runs do not share ports.
+    int port_offset() const { return port_offset_; }
+    std::string operator/(std::string_view rel) const { return root_ + "/" + std::string(rel); }
+
+    // Empties the daemon's directories and recreates the files every run
+    // starts from: empty rule lists and an api status table without records.
+    // The harmless helper programs under bin/ and sbin/ are kept.
+    void reset();
+    void write(std::string_view rel, std::string_view bytes) const;
+
+  private:
+    FuzzRoot();
+    std::string root_;
+    int port_offset_ = 0;
+};
+
+// Collects the helper programs started without waiting, so a long run does
+// not fill the process table with zombies.
+void reap_children();
+
+// Replaces the first "%R" by the root path.
+void expand_root(std::string& text, const FuzzRoot& root);
+
+// One rule-list record: decimal length, then the text.
+std::string rule_record(std::string_view text);
+
+}  // namespace smsgw::fuzz

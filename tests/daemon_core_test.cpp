@@ -73,6 +73,8 @@ class DaemonCore : public ::testing::Test {
     void start(std::vector<std::string> extra = {}) {
         daemon_ = std::make_unique<test::Daemon>(root_.path(), offset_, std::move(extra));
         ASSERT_TRUE(daemon_->wait_ready()) << "stderr: " << daemon_->stderr_text();
+        // txrx-sim logs its start once it listens for jobs.
+        ASSERT_TRUE(test::wait_for([&] { return count_of(sim_log(), "START ") >= 1; }));
     }
     void TearDown() override {
         daemon_.reset();
@@ -256,7 +258,7 @@ TEST_F(DaemonCore, DeadTxrxIsRestartedUnlessADialOutHoldsTheModem) {
     ::kill(first, SIGKILL);
     ASSERT_TRUE(test::wait_for([&] { return txrx_pid() != first && alive(txrx_pid()); }))
         << sim_log();
-    EXPECT_EQ(count_of(sim_log(), "START /dev/ttyS0"), 2u);
+    EXPECT_TRUE(test::wait_for([&] { return count_of(sim_log(), "START /dev/ttyS0") == 2u; }));
     EXPECT_TRUE(test::wait_for([&] {
         return test::read_file("/proc/" + std::to_string(first) + "/status").empty();
     })) << "the dead txrx was never reaped";

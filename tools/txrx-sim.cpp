@@ -100,10 +100,12 @@ int run_transceiver(const std::string& device) {
         std::ofstream pid(root_path("/var/run/txrx_pid_file"), std::ios::trunc);
         pid << ::getpid() << '\n';
     }
-    log_line("START " + device);
     int fd = ::socket(AF_INET, SOCK_DGRAM, 0);
     sockaddr_in a = loopback(port(20202));
-    if (fd < 0 || ::bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0) {
+    bool bound = fd >= 0 && ::bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0;
+    // Logged once the port is bound, so a watcher knows jobs will arrive.
+    log_line("START " + device);
+    if (!bound) {
         // Another simulated modem owns the port. Exiting would make the
         // daemon restart every txrx over and over, so stay idle instead.
         log_line("IDLE " + device);

@@ -317,6 +317,13 @@ void write_contacts(FILE* stream, const std::vector<Entry*>& order,
     char digits[16];
     size_t next = 0;
     for (size_t i = 0; i < order.size(); ++i) {
+        // Entries lie scattered on the heap: ask for the next ones early.
+        if (i + 8 < order.size()) __builtin_prefetch(order[i + 8]);
+        if (i + 4 < order.size()) {
+            const Entry& ahead = *order[i + 4];
+            __builtin_prefetch(ahead.name.data());
+            __builtin_prefetch(ahead.description.data());
+        }
         const Entry& e = *order[i];
         chunk += e.name;
         chunk += "^|^";

@@ -40,6 +40,16 @@ class DaemonSend : public ::testing::Test {
     void start() {
         daemon_ = std::make_unique<test::Daemon>(root_.path(), offset_);
         ASSERT_TRUE(daemon_->wait_ready()) << daemon_->stderr_text();
+        // A job handed over before txrx listens would be lost: wait until
+        // this start's txrx has logged that it is up.
+        ++starts_;
+        ASSERT_TRUE(test::wait_for([&] { return count_lines("START ") >= starts_; }, 10s));
+    }
+    size_t count_lines(const std::string& prefix) const {
+        std::istringstream log(test::read_file(root_ / "var/run/txrx-sim.log"));
+        size_t n = 0;
+        for (std::string line; std::getline(log, line);) n += line.rfind(prefix, 0) == 0;
+        return n;
     }
     std::string request_file(const std::string& name, const std::string& numbers,
                              const std::string& names = "", const std::string& groups = "") {
@@ -75,6 +85,7 @@ class DaemonSend : public ::testing::Test {
     int offset_ = test::random_port_offset();
     std::unique_ptr<test::Daemon> daemon_;
     test::UdpClient client_;
+    size_t starts_ = 0;
 };
 
 TEST_F(DaemonSend, DirectSendIsOneJobWithEachRecipientOnce) {

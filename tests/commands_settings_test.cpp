@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 
+#include <cerrno>
 #include <string>
 
 #include "commands/intl_dialing.h"
@@ -180,6 +181,10 @@ TEST_F(SettingsTest, EnablingStartsTheHttpClient) {
     test::UdpListener http(rt.ports.http());
     EXPECT_EQ(set_sms_status(rt, "enable"), "SUCCESS");
     EXPECT_TRUE(test::wait_for([&] { return test::exists(marker); }));
+    // The client is not left to the caller to reap.
+    errno = 0;
+    EXPECT_EQ(::waitpid(-1, nullptr, WNOHANG), -1);
+    EXPECT_EQ(errno, ECHILD);
     EXPECT_EQ(test::read_file(conf()), "status=enable\n");
     // Only disabling is announced to the client itself.
     EXPECT_FALSE(http.receive(std::chrono::milliseconds(200)).has_value());

@@ -1,7 +1,9 @@
 #include "commands/service_settings.h"
 
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 
 #include "commands/line_reader.h"
@@ -67,6 +69,22 @@ bool write_key(const std::string& path, const std::string& temp, std::string_vie
     return true;
 }
 
+// Starts the HTTP client detached, as a shell's "( ... ) &" would: an
+// intermediate child starts it and exits at once, so the client belongs to
+// init and never lingers as a zombie of the daemon.
+void start_http_client(const Runtime& rt) {
+    const std::string program = rt.path("/bin/http-client");
+    pid_t mid = ::fork();
+    if (mid == 0) {
+        spawn_program({program}, ChildOutput::DevNull);
+        ::_exit(0);
+    }
+    if (mid > 0) {
+        while (::waitpid(mid, nullptr, 0) < 0 && errno == EINTR) {
+        }
+    }
+}
+
 }  // namespace
 
 std::string set_conf_value(const Runtime& rt, const std::string& path, std::string_view key,
@@ -108,7 +126,7 @@ std::string set_sms_status(const Runtime& rt, std::string_view state) {
         // The process search this start has always depended on finds at
         // least its own grep, so the client is started for every state
         // other than "disable".
-        spawn_program({rt.path("/bin/http-client")}, ChildOutput::DevNull);
+        start_http_client(rt);
     } else {
         std::string notice = "set-sms 1 status " + s + "^|^";
         trace("--%s--\r\n", notice.c_str());

@@ -35,7 +35,7 @@ int first_lower(std::string_view s) {
 std::unique_ptr<RecipientNode> leaf(std::string_view label, std::string_view number) {
     auto node = std::make_unique<RecipientNode>();
     node->label = std::string(label);
-    node->number = std::make_unique<std::string>(number);
+    node->number = std::string(number);
     return node;
 }
 
@@ -75,7 +75,7 @@ RecipientNode* RecipientSet::recipients_add(std::string_view number, int unlimit
         bool label_ends = k == node->label.size();
         if (number_ends && label_ends) {
             if (node->number) return nullptr;  // duplicate
-            node->number = std::make_unique<std::string>(number);
+            node->number = std::string(number);
             ++recipient_count;
             return node;
         }
@@ -84,10 +84,11 @@ RecipientNode* RecipientSet::recipients_add(std::string_view number, int unlimit
             auto tail = std::make_unique<RecipientNode>();
             tail->label = node->label.substr(k);
             tail->number = std::move(node->number);
+            node->number.reset();
             tail->child = std::move(node->child);
             node->label.resize(k);
             node->label.shrink_to_fit();
-            node->number = std::make_unique<std::string>(number);
+            node->number = std::string(number);
             node->child = std::move(tail);
             ++recipient_count;
             return node;
@@ -98,6 +99,7 @@ RecipientNode* RecipientSet::recipients_add(std::string_view number, int unlimit
             auto old_rest = std::make_unique<RecipientNode>();
             old_rest->label = node->label.substr(k);
             old_rest->number = std::move(node->number);
+            node->number.reset();
             old_rest->child = std::move(node->child);
             auto fresh = leaf(rest.substr(k), number);
             RecipientNode* stored = fresh.get();

@@ -4,6 +4,7 @@
 
 #include <cstdio>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -13,7 +14,7 @@ namespace smsgw {
 
 struct RecipientNode {
     std::string label;
-    std::unique_ptr<std::string> number;  // payload, at most one per node
+    std::optional<std::string> number;  // payload, at most one per node
     std::unique_ptr<RecipientNode> sibling;
     std::unique_ptr<RecipientNode> child;
 };

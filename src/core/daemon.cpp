@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cstring>
 #include <thread>
@@ -40,7 +41,31 @@ constexpr size_t kReplyMax = 599;
 // A length datagram whose request does not follow within this time is
 // dropped, so a half-sent request cannot stall the loop.
 constexpr int kRequestWaitMs = 1000;
+// Resynchronising on a length datagram found in the request's place waits
+// this long for the request it announces.
+constexpr int kRealignWaitMs = 100;
+constexpr int kMaxRealign = 2;
 constexpr auto kDialoutStopWait = std::chrono::seconds(2);
+
+// Waits up to `ms` for a datagram; a signal arriving meanwhile (a child
+// exiting, the time-client alarm) does not cut the wait short.
+bool wait_readable(int fd, int ms) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+    for (;;) {
+        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+            deadline - std::chrono::steady_clock::now());
+        if (left.count() < 0) return false;
+        pollfd p{fd, POLLIN, 0};
+        int r = ::poll(&p, 1, static_cast<int>(left.count()));
+        if (r > 0) return true;
+        if (r == 0 || errno != EINTR) return false;
+    }
+}
+
+bool looks_like_length(std::string_view text) {
+    return !text.empty() && text.size() <= kLengthDatagramMax &&
+           std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
+}
 
 bool process_gone(pid_t pid) {
     return ::kill(pid, 0) != 0 || process_state(pid) == "zombie";
@@ -255,20 +280,9 @@ void SmsGateway::handle_gui_request() {
         return;
     }
 
-    char length_text[kLengthDatagramMax + 1] = {};
-    receive(fd, length_text, kLengthDatagramMax);
-    long announced = std::clamp<long>(c_atoi(length_text), 0, kRequestMax);
-
-    pollfd p{fd, POLLIN, 0};
-    if (::poll(&p, 1, kRequestWaitMs) <= 0) return;
-    int next_size = 0;
-    ::ioctl(fd, FIONREAD, &next_size);
-    // Never more than what actually arrived, whatever was announced.
-    size_t size = static_cast<size_t>(std::min<long>(announced, std::max(next_size, 0)));
-    std::string request(size, '\0');
-    ssize_t n = receive(fd, request.data(), size, MSG_DONTWAIT);
-    request.resize(n > 0 ? static_cast<size_t>(n) : 0);
-    request.resize(std::strlen(request.c_str()));
+    std::optional<std::string> framed = read_framed_request(fd);
+    if (!framed) return;
+    const std::string& request = *framed;
     trace("---%s---", request.c_str());
 
     // Handlers may point peer_addr at txrx; the reply goes to the requester.
@@ -291,6 +305,38 @@ void SmsGateway::handle_gui_request() {
     parser_.release_token();
     rt_.peer_addr = requester;
     if (answer) send_gui_reply(reply);
+}
+
+std::optional<std::string> SmsGateway::read_framed_request(int fd) {
+    char length_text[kLengthDatagramMax + 1] = {};
+    receive(fd, length_text, kLengthDatagramMax);
+    long announced = std::clamp<long>(c_atoi(length_text), 0, kRequestMax);
+
+    for (int realigned = 0;; ++realigned) {
+        if (!wait_readable(fd, kRequestWaitMs)) return std::nullopt;
+        int next_size = 0;
+        ::ioctl(fd, FIONREAD, &next_size);
+        // Never more than what actually arrived, whatever was announced.
+        std::string datagram(static_cast<size_t>(std::clamp<long>(next_size, 0, kRequestMax)),
+                             '\0');
+        ssize_t n = receive(fd, datagram.data(), datagram.size(), MSG_DONTWAIT);
+        datagram.resize(n > 0 ? static_cast<size_t>(n) : 0);
+        // A length whose request never came leaves the sender's next pair one
+        // datagram off: its length arrives here, and its request follows with
+        // exactly the size that length names. Resynchronise on it.
+        if (realigned < kMaxRealign && looks_like_length(datagram)) {
+            const int value = c_atoi(datagram);
+            int following = -1;
+            if (wait_readable(fd, kRealignWaitMs)) ::ioctl(fd, FIONREAD, &following);
+            if (following == value) {
+                announced = value;
+                continue;
+            }
+        }
+        datagram.resize(std::min(datagram.size(), static_cast<size_t>(announced)));
+        datagram.resize(std::strlen(datagram.c_str()));  // the request is a C string
+        return datagram;
+    }
 }
 
 bool SmsGateway::on_send_sms(const std::string& request, std::string& reply) {

@@ -9,6 +9,7 @@
 //   "LB_OK" ends the pass), web-interface request.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -49,6 +50,9 @@ class SmsGateway {
     void act_on_load_balancer(const std::vector<std::string_view>& f);
     void outbox_slave_update();
     void handle_gui_request();
+    // The length datagram and the request it announces; nullopt when the
+    // request does not follow in time.
+    std::optional<std::string> read_framed_request(int fd);
 
     // Web-interface requests; each returns whether a reply is due.
     bool on_send_sms(const std::string& request, std::string& reply);

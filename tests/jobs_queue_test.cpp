@@ -597,5 +597,34 @@ TEST_F(SchedulerTest, RequestModeRepliesToThePeerAndQueuesPerModemWork) {
     EXPECT_FALSE(test::exists(dir / "var/Jobs/PerModem_PendingJob"));
 }
 
+TEST_F(SchedulerTest, BrokenPerModemFileDoesNotHoldTheRingBack) {
+    ASSERT_TRUE(txrx.ok());
+    start();
+    std::string side = dir / "var/Jobs/PerModem_PendingJob";
+    std::string req = request("pm", build_request_file("a", "t", "777^|^", "", ""));
+    test::write_file(side, encode_job_header(0, 0, "send-sms " + dir / "tmp/empty"));
+    EXPECT_EQ(queue.add_to_permodem_pending_jobs("send-sms " + req), 0);
+    queue.permodem_pending = 1;
+
+    queue.create_job_from_pending_jobs(0);  // drops the empty record only
+    EXPECT_FALSE(txrx.receive(100ms).has_value());
+    queue.create_job_from_pending_jobs(0);
+    auto d = txrx.receive();
+    ASSERT_TRUE(d);
+    EXPECT_EQ(job_number(*d), "777");
+    EXPECT_EQ(queue.permodem_pending, 0);
+
+    // A vanished side file: the ring is served again.
+    rt.job_outstanding = 0;
+    queue.permodem_pending = 1;
+    queue_request("r", "888");
+    queue.create_job_from_pending_jobs(0);
+    EXPECT_EQ(queue.permodem_pending, 0);
+    queue.create_job_from_pending_jobs(0);
+    auto r = txrx.receive();
+    ASSERT_TRUE(r);
+    EXPECT_EQ(job_number(*r), "888");
+}
+
 }  // namespace
 }  // namespace smsgw

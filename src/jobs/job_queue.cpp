@@ -509,14 +509,26 @@ void JobQueue::create_job_from_pending_jobs(int mode) {
 
     if (mode == 0 && permodem_pending) {
         FilePtr job = open_file(permodem_file(), "r");
+        // A side file that is gone, or that starts with an empty record,
+        // would hold the ring back for good: the flag is dropped, or the
+        // empty record removed, and the next run goes on.
         if (!job) {
             trace("Unable to open Permodem Job File\n");
+            permodem_pending = 0;
             return;
         }
         unsigned char b[JobHeader::kSize] = {};
         std::fread(b, 1, sizeof b, job.get());
         JobHeader h = decode_job_header(b);
-        if (h.job_ln == 0 || h.job_ln == -1) return;
+        if (h.job_ln == 0 || h.job_ln == -1) {
+            job.reset();
+            cut_front(permodem_file(), static_cast<long long>(JobHeader::kSize));
+            if (file_size(permodem_file()) == 0) {
+                remove_file(permodem_file());
+                permodem_pending = 0;
+            }
+            return;
+        }
         if (!well_formed(h, 0, file_size(permodem_file()))) {
             // Nothing reliable is left in the side file.
             job.reset();

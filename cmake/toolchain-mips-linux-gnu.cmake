@@ -17,6 +17,12 @@ set(CMAKE_C_COMPILER ${SMSGW_CROSS_TRIPLET}-gcc)
 set(CMAKE_CXX_COMPILER ${SMSGW_CROSS_TRIPLET}-g++)
 set(CMAKE_STRIP ${SMSGW_CROSS_TRIPLET}-strip CACHE FILEPATH "strip for the target")
 
+# 64-bit file offsets and inode numbers: without them readdir() and stat()
+# of a 32-bit program fail with EOVERFLOW on file systems that hand out
+# 64-bit values (seen under qemu on 64-bit hosts, possible on large media).
+set(CMAKE_C_FLAGS_INIT "-D_FILE_OFFSET_BITS=64")
+set(CMAKE_CXX_FLAGS_INIT "-D_FILE_OFFSET_BITS=64")
+
 set(CMAKE_FIND_ROOT_PATH ${SMSGW_CROSS_SYSROOT})
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)

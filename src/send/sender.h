@@ -31,9 +31,13 @@ class Sender {
     // REQUIRES: rt and ab outlive the sender.
     Sender(Runtime& rt, AddressBook& ab);
 
-    // request: "send-sms FILE" or "send-sms api FILE" (CR/LF end it).
+    // request: "send-sms FILE" or "send-sms api FILE" (CR/LF end it). A
+    // FILE refused by request_file_allowed is neither read nor deleted and
+    // leaves job_path as it was. Numbers longer than 49 characters (or empty)
+    // cannot fit a job record and are left out of the job.
     void send_sms_handler(std::string_view request, int is_slave);
-    // The direct path: handler, then one datagram per modem to txrx.
+    // The direct path: handler, then one datagram per modem to txrx. After a
+    // refused request file nothing at all is sent.
     void hand_off_job(std::string_view request);
     // Scheduler mode 1: the prepared job to the peer read last.
     void reply_to_peer();

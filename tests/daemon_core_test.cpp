@@ -237,6 +237,20 @@ TEST_F(DaemonCore, SendSmsIsHandedOverOrQueuedWhileAJobIsOutstanding) {
     EXPECT_NE(sim_log().find("text=text 2 to=+4915550002\n"), std::string::npos) << sim_log();
 }
 
+TEST_F(DaemonCore, RequestFilesOnlyFromTheSpoolDirectoriesGiven) {
+    TempDir spool;
+    start({"--spool-dir", spool.path()});
+    // DIR/tmp is a spool directory only by default.
+    const std::string refused = request_file("req-tmp", "from tmp", "+4915550001^|^");
+    EXPECT_EQ(ask("send-sms " + refused), "");
+    const std::string accepted = spool / "req";
+    test::write_file(accepted, build_request_file("admin", "from spool", "+4915550002^|^", "", ""));
+    EXPECT_EQ(ask("send-sms " + accepted), "");
+    ASSERT_TRUE(test::wait_for([&] { return count_of(sim_log(), "JOB ") == 1; }));
+    EXPECT_NE(sim_log().find("text=from spool to=+4915550002\n"), std::string::npos) << sim_log();
+    EXPECT_TRUE(test::exists(refused));  // neither used nor deleted
+}
+
 TEST_F(DaemonCore, SaveRequestSignalWritesTheAddressBook) {
     start();
     EXPECT_EQ(ask("add-sms phone_book Alice^|^+4915550001^|^friend^|^"), "SUCCESS");

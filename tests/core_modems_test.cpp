@@ -1,6 +1,6 @@
 // The daemon's own pieces: command line, modem probe on pseudo-terminals,
-// txrx supervision, the start-up clean-up of stale children, signal flags
-// and the endpoints.
+// txrx supervision, the start-up clean-up of stale children and the
+// endpoints.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -22,7 +22,6 @@
 #include "core/endpoints.h"
 #include "core/modems.h"
 #include "core/options.h"
-#include "core/signals.h"
 #include "support/test_support.h"
 
 namespace smsgw {
@@ -245,24 +244,6 @@ TEST(CoreTxrxSupervisor, StartUpCleanUpEndsOnlyThisRootsTxrxAndTimeClient) {
             ::waitpid(pids[i], &status, 0);
         }
     }
-}
-
-TEST(CoreSignals, EachSignalRaisesItsFlagOnce) {
-    install_user_signal_handlers();
-    install_child_handler();
-    EXPECT_FALSE(take_save_request());
-    ::raise(SIGUSR1);
-    ::raise(SIGUSR2);
-    EXPECT_TRUE(take_save_request());
-    EXPECT_FALSE(take_save_request());
-    EXPECT_TRUE(take_counter_reset());
-    EXPECT_FALSE(take_child_exited());
-    ::raise(SIGCHLD);
-    EXPECT_TRUE(take_child_exited());
-    ignore_child_signals();
-    ::raise(SIGCHLD);
-    EXPECT_FALSE(take_child_exited());
-    ::signal(SIGCHLD, SIG_DFL);
 }
 
 TEST(CoreEndpoints, OpenOnceThenPortTaken) {

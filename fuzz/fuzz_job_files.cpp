@@ -1,8 +1,8 @@
 // The pending-job files and the position table as a restart finds them:
 // input is the table (44 bytes), then the nine pending files, then the
 // per-modem file. Start-up repair runs, then scheduler passes in both
-// modes. "%R" in a part stands for the sandbox root, so a seed's records
-// can name request files that exist.
+// modes. "%R" in a part stands for the sandbox root (in place, inside the
+// record's padding), so a seed's records can name request files that exist.
 #include <cstdint>
 #include <string>
 
@@ -19,7 +19,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     auto& root = fuzz::FuzzRoot::get();
     root.reset();
     auto parts = fuzz::split_parts(data, size, 11);
-    for (auto& p : parts) fuzz::expand_root(p, root);
+    for (auto& p : parts) fuzz::expand_root_in_field(p, root);
     root.write("var/Jobs/pos_offset", parts[0]);
     for (int i = 1; i <= 9; ++i)
         root.write("var/Jobs/Pending_Jobs_" + std::to_string(i), parts[static_cast<size_t>(i)]);

@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <stdexcept>
@@ -109,6 +110,19 @@ void reap_children() {
 void expand_root(std::string& text, const FuzzRoot& root) {
     size_t at = text.find("%R");
     if (at != std::string::npos) text.replace(at, 2, root.path());
+}
+
+void expand_root_in_field(std::string& bytes, const FuzzRoot& root) {
+    const std::string& path = root.path();
+    for (size_t at = bytes.find("%R"); at != std::string::npos;
+         at = bytes.find("%R", at + path.size())) {
+        bytes.replace(at, 2, path);
+        size_t pad = bytes.find('\0', at + path.size());
+        if (pad == std::string::npos) return;
+        size_t run = bytes.find_first_not_of('\0', pad);
+        if (run == std::string::npos) run = bytes.size();
+        bytes.erase(pad, std::min(run - pad, path.size() - 2));
+    }
 }
 
 std::string rule_record(std::string_view text) {

@@ -46,6 +46,10 @@ void reap_children();
 // Replaces the first "%R" by the root path.
 void expand_root(std::string& text, const FuzzRoot& root);
 
+// The same inside a NUL-padded fixed field: as many padding NULs as the
+// text grew by are dropped, so the records around it keep their sizes.
+void expand_root_in_field(std::string& bytes, const FuzzRoot& root);
+
 // One rule-list record: decimal length, then the text.
 std::string rule_record(std::string_view text);
 

@@ -4,9 +4,11 @@
 #include <fuzzer/FuzzedDataProvider.h>
 
 #include <cstdint>
+#include <cstdio>
 #include <string>
 
 #include "commands/rule_lists.h"
+#include "common/fileops.h"
 #include "common/runtime.h"
 #include "fuzz_support.h"
 
@@ -62,6 +64,17 @@ void run_operation(RuleLists& rules, FuzzedDataProvider& in) {
     }
 }
 
+// Whether the reader accounts for every byte of the file: the records it
+// returns, written back, give the file again.
+bool well_formed(const std::string& path) {
+    auto records = read_rule_records(path);
+    auto bytes = read_file(path);
+    if (!records || !bytes) return false;
+    std::string again;
+    for (const auto& r : *records) again += format_rule_record(r);
+    return again == *bytes;
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
@@ -80,9 +93,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     for (const auto& r : *records) stored += std::to_string(r.size()).size() + r.size();
     if (stored > parts[0].size()) __builtin_trap();
 
+    // Lists the daemon wrote itself must stay readable to the last byte
+    // whatever text the operations are given.
+    const bool was_well_formed = well_formed(rules.broadcast_path());
     FuzzedDataProvider in(reinterpret_cast<const uint8_t*>(parts[1].data()), parts[1].size());
     for (int n = 0; n < 4 && in.remaining_bytes() > 0; ++n) run_operation(rules, in);
-    read_rule_records(rules.broadcast_path());
-    read_rule_records(rules.auth_path());
+    if (was_well_formed) {
+        for (const std::string& path :
+             {rules.broadcast_path(), rules.preconf_path(), rules.ctrl_path(), rules.auth_path()})
+            if (!well_formed(path)) {
+                std::fprintf(stderr, "%s is no longer well formed\n", path.c_str());
+                __builtin_trap();
+            }
+    }
     return 0;
 }

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "addressbook/address_book.h"
+#include "common/fileops.h"
 #include "common/runtime.h"
 #include "fuzz_support.h"
 #include "send/sender.h"
@@ -37,6 +38,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const int is_slave = (data[0] >> 1) & 1;
     sender.send_sms_handler((api ? "send-sms api " : "send-sms ") + file + "\r\n", is_slave);
     if (sender.job_path.size() > 99) __builtin_trap();
+    // txrx reads the job as the 160-byte text and whole 50-byte numbers.
+    if (!sender.job_path.empty()) {
+        long long job = file_size(sender.job_path);
+        if (job >= 0 && (job < 160 || (job - 160) % 50 != 0)) __builtin_trap();
+    }
     fuzz::reap_children();
     return 0;
 }

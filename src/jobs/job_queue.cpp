@@ -659,7 +659,8 @@ void JobQueue::take_broadcast(FILE* job_file, const JobHeader& h, int mode) {
     if (mode == 0) {
         SendActionResult result;
         if (send_action) result = send_action(0);
-        if (send_action && !result.queued) {
+        // Nothing to hand over when the action made no job (no such group).
+        if (send_action && !result.queued && !result.request_file.empty()) {
             std::string msg = result.request_file;
             if (api_job) {
                 msg = "api " + msg;

@@ -143,6 +143,9 @@ bool Sender::request_path_allowed(const std::string& path) const {
 
 Fd Sender::open_request_file(const std::string& path) const {
     if (!request_path_allowed(path)) return Fd();
+    // Look before opening: a device or FIFO named by a datagram is never opened.
+    struct stat pre {};
+    if (::lstat(path.c_str(), &pre) != 0 || !S_ISREG(pre.st_mode)) return Fd();
     Fd fd(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     struct stat st {};
     if (!fd || ::fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) return Fd();

@@ -6,6 +6,7 @@
 
 #include <cstdio>
 #include <ctime>
+#include <string>
 
 #include "common/bytes.h"
 #include "common/fileops.h"
@@ -28,8 +29,17 @@ bool pwrite_all(int fd, const unsigned char* buf, size_t n, off_t off) {
 void write_job_stats(const Runtime& rt, int a, int b, int c) {
     char text[64];
     int n = std::snprintf(text, sizeof text, "%d\n%d\n%d", a, b, c);
-    write_file(rt.path("/var/config/job_stats_file"),
-               std::string_view(text, static_cast<size_t>(n)));
+    std::string_view content(text, static_cast<size_t>(n));
+    std::string path = rt.path("/var/config/job_stats_file");
+    // The idle scheduler rewrites the same three numbers on every pass of the
+    // loop; truncating a file forces a flush on some file systems, so an
+    // unchanged file is left alone.
+    static std::string last_path, last_content;
+    if (path == last_path && content == last_content && read_file(path, 64) == last_content) return;
+    if (write_file(path, content)) {
+        last_path = path;
+        last_content = std::string(content);
+    }
 }
 
 bool ensure_sms_stats_file(const Runtime& rt) {

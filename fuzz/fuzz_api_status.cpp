@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <string>
 
+#include "book_check.h"
 #include "fuzz_support.h"
 #include "trigger_stack.h"
 
@@ -29,6 +30,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         int action = stack.triggers->getactionobject(line);
         if (action < 0 || action > 9) __builtin_trap();
     }
+    fuzz::check_book(stack.ab);
     fuzz::reap_children();
     return 0;
 }

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "addressbook/address_book.h"
+#include "book_check.h"
 #include "commands/command_parser.h"
 #include "commands/intl_dialing.h"
 #include "commands/rule_lists.h"
@@ -15,7 +16,7 @@ using namespace smsgw;
 
 namespace {
 constexpr size_t kMaxCommands = 8;
-}
+}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     auto& root = fuzz::FuzzRoot::get();
@@ -38,6 +39,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         parser.release_token();
         // The reply travels back in one datagram.
         if (reply.size() > 65507) __builtin_trap();
+        fuzz::check_book(ab);
     }
     fuzz::reap_children();
     return 0;

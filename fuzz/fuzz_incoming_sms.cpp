@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <string>
 
+#include "book_check.h"
 #include "fuzz_support.h"
 #include "trigger_stack.h"
 
@@ -20,6 +21,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     int action = stack.triggers->getactionobject(message);
     if (action < 0 || action > 9) __builtin_trap();
     stack.queue.create_job_from_pending_jobs(0);
+    fuzz::check_book(stack.ab);
     fuzz::reap_children();
     return 0;
 }

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "common/runtime.h"
 #include "common/text.h"
@@ -30,6 +31,14 @@ void check_fields(std::string_view text, const std::vector<std::string_view>& fi
         last_end = f.data() + f.size();
     }
 }
+// A message with more than four fields reports a failed send (8), one cut
+// after the id or carrying "ERROR" a refusal (7), otherwise a result (6).
+int api_status_for(const std::vector<std::string_view>& fields) {
+    if (fields.size() > 4) return 8;
+    if (fields.size() == 3 || starts_with(fields[3], "ERROR")) return 7;
+    return 6;
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
@@ -47,9 +56,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     check_fields(text, fields);
     if (fields.size() < 3) return 0;
     const int request_id = c_atoi(fields[2]);
-    int status = fields.size() > 4                                         ? 8
-                 : (fields.size() == 3 || starts_with(fields[3], "ERROR")) ? 7
-                                                                           : 6;
-    if (request_id > 0) set_api_status(rt, request_id, status);
+    if (request_id > 0) set_api_status(rt, request_id, api_status_for(fields));
     return 0;
 }

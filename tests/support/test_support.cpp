@@ -80,6 +80,14 @@ void kill_root_children(const std::string& root) {
 
 }  // namespace
 
+std::vector<std::string> exec_prefix() {
+    std::vector<std::string> out;
+    const char* p = std::getenv("SMSGW_TEST_EXEC_PREFIX");
+    std::istringstream in(p ? p : "");
+    for (std::string w; in >> w;) out.push_back(w);
+    return out;
+}
+
 TempDir::TempDir() {
     const char* base = std::getenv("TMPDIR");
     std::string tmpl = std::string(base && *base ? base : "/tmp") + "/smsgw-test-XXXXXX";
@@ -135,7 +143,19 @@ void prepare_root(const std::string& root) {
     write_file(root + "/var/config/api_stat.st", std::string(4, '\0'));
     for (const char* f : {"trigger_broadcast", "preconf_sms", "trigger_ctrl", "authenticate_list"})
         write_file(root + "/var/config/" + f, "");
-    ::symlink(TXRX_SIM_PATH, (root + "/bin/txrx").c_str());
+    const std::vector<std::string> prefix = exec_prefix();
+    if (prefix.empty()) {
+        ::symlink(TXRX_SIM_PATH, (root + "/bin/txrx").c_str());
+    } else {
+        // Without binfmt_misc the daemon cannot exec the simulator itself;
+        // the wrapper keeps its own path as argv[0] so that the process
+        // still counts as one of this root's children.
+        std::string script = "#!/bin/bash\nexec -a \"$0\"";
+        for (const auto& w : prefix) script += " '" + w + "'";
+        script += " '" TXRX_SIM_PATH "' \"$@\"\n";
+        write_file(root + "/bin/txrx", script);
+        ::chmod((root + "/bin/txrx").c_str(), 0755);
+    }
     const std::string recorder =
         "#!/bin/sh\necho \"$(basename \"$0\") $*\" >> \"$SMSGW_ROOT/calls.log\"\n";
     for (const char* p :
@@ -147,8 +167,9 @@ void prepare_root(const std::string& root) {
 
 Daemon::Daemon(std::string root, int port_offset, std::vector<std::string> extra_args)
     : root_(std::move(root)), offset_(port_offset), err_path_(root_ + "/daemon.stderr") {
-    std::vector<std::string> argv = {SMSGWD_PATH, "--root", root_, "--port-offset",
-                                     std::to_string(offset_)};
+    std::vector<std::string> argv = exec_prefix();
+    for (const char* a : {SMSGWD_PATH, "--root"}) argv.emplace_back(a);
+    argv.insert(argv.end(), {root_, "--port-offset", std::to_string(offset_)});
     argv.insert(argv.end(), extra_args.begin(), extra_args.end());
     pid_ = ::fork();
     if (pid_ == 0) {
@@ -160,7 +181,7 @@ Daemon::Daemon(std::string root, int port_offset, std::vector<std::string> extra
         std::vector<char*> args;
         for (auto& a : argv) args.push_back(a.data());
         args.push_back(nullptr);
-        ::execv(args[0], args.data());
+        ::execvp(args[0], args.data());
         ::_exit(127);
     }
 }

@@ -29,6 +29,11 @@ class TempDir {
     std::string path_;
 };
 
+// The emulator command that runs target programs in a cross build, from
+// SMSGW_TEST_EXEC_PREFIX split at blanks (e.g. "qemu-mips -L /usr/mips-linux-gnu");
+// empty for native builds.
+std::vector<std::string> exec_prefix();
+
 // A port offset unlikely to collide with other tests running at once.
 int random_port_offset();
 

@@ -1,5 +1,10 @@
 #include "commands/command_parser.h"
 
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+
 #include "addressbook/address_book_files.h"
 #include "commands/command_context.h"
 #include "commands/service_settings.h"
@@ -190,11 +195,28 @@ std::string edit_dispatch(CommandContext& ctx) {
     return "ERROR";
 }
 
+// The contacts go to a fresh file that replaces the old one only when
+// complete: truncating in place would leave a daemon killed mid-save with an
+// empty or cut book at its next start, and the last good save gone.
 std::string save_address_book(CommandContext& ctx) {
-    FilePtr out = open_file(ctx.rt.path("/var/AddressBook/Address_Book"), "w");
-    if (!out) return "ERROR";
+    const std::string path = ctx.rt.path("/var/AddressBook/Address_Book");
+    Fd fd;
+    auto temp = create_temp_file(ctx.rt.path("/var/AddressBook"), ".Address_Book.", &fd);
+    if (!temp) return "ERROR";
+    ::fchmod(fd.get(), 0644);  // as a plain create would have made it
+    FilePtr out(::fdopen(fd.get(), "w"));
+    if (!out) {
+        remove_file(*temp);
+        return "ERROR";
+    }
+    fd.release();
     if (ctx.ab.entry_count != 0) ab_save_contacts(ctx.ab, out.get());
-    out.reset();
+    bool written = std::fflush(out.get()) == 0 && ::fsync(fileno(out.get())) == 0;
+    written = std::fclose(out.release()) == 0 && written;
+    if (!written || !replace_file(*temp, path)) {
+        remove_file(*temp);
+        return "ERROR";
+    }
     if (ctx.ab.group_count != 0) ab_save_groups(ctx.ab, ctx.rt);
     return "SUCCESS";
 }

@@ -40,7 +40,7 @@ constexpr size_t kFieldMax = 51;
 constexpr size_t kDescriptionMax = 200;
 // A physical line longer than this is consumed but not kept: nothing the
 // daemon writes comes near it.
-constexpr size_t kLineKeep = 64 * 1024;
+constexpr size_t kLineKeep = size_t{64} * 1024;
 
 void append_bounded(std::string& to, std::string_view text, size_t max) {
     if (to.size() < max) to.append(text.substr(0, max - to.size()));
@@ -313,7 +313,7 @@ void write_contacts(FILE* stream, const std::vector<Entry*>& order,
     std::stable_sort(memberships.begin(), memberships.end(),
                      [](const Membership& a, const Membership& b) { return a.index < b.index; });
     std::string chunk;
-    chunk.reserve(80 * 1024);
+    chunk.reserve(size_t{80} * 1024);
     char digits[16];
     size_t next = 0;
     for (size_t i = 0; i < order.size(); ++i) {
@@ -336,7 +336,7 @@ void write_contacts(FILE* stream, const std::vector<Entry*>& order,
             chunk.append(digits, static_cast<size_t>(len));
         }
         chunk += "^|^\n";
-        if (chunk.size() >= 64 * 1024) {
+        if (chunk.size() >= size_t{64} * 1024) {
             std::fwrite(chunk.data(), 1, chunk.size(), stream);
             chunk.clear();
         }

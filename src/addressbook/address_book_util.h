@@ -55,7 +55,7 @@ inline void free_members(std::unique_ptr<GroupMember> m) {
 // Reads a stream line by line in large blocks.
 class LineReader {
   public:
-    explicit LineReader(FILE* f) : f_(f), buf_(64 * 1024) {}
+    explicit LineReader(FILE* f) : f_(f), buf_(size_t{64} * 1024) {}
 
     // One line with its '\n' (none at the end of the file). At most `keep`
     // bytes are stored, the rest of the line is consumed; a NUL byte ends

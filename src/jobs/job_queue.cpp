@@ -196,7 +196,7 @@ void JobQueue::load_job_pos_table() {
     P_POS = static_cast<int16_t>(word >> 16);
     L_POS = static_cast<int16_t>(word & 0xffffu);
     TOTAL_SIZE = get_i32(b + 4);
-    for (int i = 0; i < kFiles; ++i) l_job_ln[i] = get_i32(b + 8 + 4 * i);
+    for (int i = 0; i < kFiles; ++i) l_job_ln[i] = get_i32(b + 8 + 4 * static_cast<size_t>(i));
     // A damaged table must not name a file outside the ring: such an index
     // restarts at the first file (the reader then walks forward over missing
     // files to the writer), and a negative total counts as an empty queue.
@@ -218,7 +218,7 @@ void JobQueue::update_job_pos_table(int32_t length, int file_index) {
     put_i32(b, static_cast<int32_t>(word));
     long long total = TOTAL_SIZE > INT32_MAX ? INT32_MAX : TOTAL_SIZE;
     put_i32(b + 4, static_cast<int32_t>(total));
-    for (int i = 0; i < kFiles; ++i) put_i32(b + 8 + 4 * i, l_job_ln[i]);
+    for (int i = 0; i < kFiles; ++i) put_i32(b + 8 + 4 * static_cast<size_t>(i), l_job_ln[i]);
     trace("UPD:%d,%d,%ld, %d\n", P_POS, L_POS, TOTAL_SIZE, length);
 }
 
@@ -295,6 +295,8 @@ void JobQueue::repair_pending_file() {
     }
     fd.reset();
     if (cut == kEmptyFile) {
+        // Opened only to empty the file; closed again at once.
+        // NOLINTNEXTLINE(bugprone-unused-raii)
         Fd(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644));
         return;
     }

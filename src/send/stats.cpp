@@ -92,7 +92,7 @@ int set_api_status(const Runtime& rt, int id, int status) {
         tm.tm_sec,  tm.tm_min,  tm.tm_hour, tm.tm_mday,  tm.tm_mon,
         tm.tm_year, tm.tm_wday, tm.tm_yday, tm.tm_isdst, static_cast<int32_t>(tm.tm_gmtoff),
         0};
-    for (int i = 0; i < 11; ++i) put_i32(out + 8 + 4 * i, words[i]);
+    for (int i = 0; i < 11; ++i) put_i32(out + 8 + 4 * static_cast<size_t>(i), words[i]);
     if (status == 6) {
         std::memcpy(out + 52, &rt.slave_address, 4);
         put_i32(out + 56, rt.slave_result);
@@ -107,7 +107,7 @@ bool get_api_time(const Runtime& rt, int id, int32_t out[11]) {
     unsigned char rec[kApiRecord];
     for (off_t pos = kApiHeader; pread_all(fd.get(), rec, kApiRecord, pos); pos += kApiRecord) {
         if (get_i32(rec) == id) {
-            for (int i = 0; i < 11; ++i) out[i] = get_i32(rec + 8 + 4 * i);
+            for (int i = 0; i < 11; ++i) out[i] = get_i32(rec + 8 + 4 * static_cast<size_t>(i));
             return true;
         }
     }

@@ -161,6 +161,8 @@ void AddressBook::group_purge_entry(Entry* entry, int mode, Entry* replacement) 
         std::unique_ptr<GroupMember> dead = std::move(*slot);
         *slot = std::move(dead->next);
         if (g->last_member == dead.get()) g->last_member = before;
+        // Both branches lower the count, each for its own reason.
+        // NOLINTNEXTLINE(bugprone-branch-clone)
         if (mode == 0) {
             --g->member_count;
         } else if (group_add_member(g->group_name, replacement) == 1) {

@@ -189,6 +189,8 @@ bool RecipientSet::recipients_write(FILE* stream) const {
         if (node->child) stack.push_back(node->child.get());
         if (node->number) {
             std::memset(record, 0, sizeof record);
+            // The record was zeroed above and at most size - 1 bytes are copied.
+            // NOLINTNEXTLINE(bugprone-not-null-terminated-result)
             std::memcpy(record, node->number->data(),
                         std::min(node->number->size(), kRecordSize - 1));
             if (std::fwrite(record, 1, sizeof record, stream) != sizeof record) return false;

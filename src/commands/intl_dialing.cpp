@@ -63,7 +63,8 @@ bool DialingSegment::attach_dialing_segment(const Runtime& rt) {
         return false;
     }
     void* addr = ::shmat(id, nullptr, 0);
-    if (addr == reinterpret_cast<void*>(-1)) {
+    // shmat's documented failure value.
+    if (addr == reinterpret_cast<void*>(-1)) {  // NOLINT(performance-no-int-to-ptr)
         std::fprintf(stderr, "smsgwd: international dialing segment cannot be attached\n");
         return false;
     }

@@ -22,7 +22,8 @@ bool trace_enabled() {
     return g_trace == 1;
 }
 
-void trace(const char* fmt, ...) {
+// printf-style on purpose: the trace lines are format strings.
+void trace(const char* fmt, ...) {  // NOLINT(cert-dcl50-cpp)
     if (!trace_enabled()) return;
     va_list ap;
     va_start(ap, fmt);

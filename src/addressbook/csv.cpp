@@ -9,6 +9,10 @@
 // description 200).
 #include "addressbook/csv.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cstdio>
 #include <optional>
 #include <string>
@@ -29,6 +33,33 @@ constexpr size_t kFullNameMax = 49;  // "%s %s" into 50 bytes
 
 enum Field { kFirst = 0, kLast = 1, kNumber = 2, kDescription = 3 };
 
+// The upload, its format file and the export live at fixed names in a
+// directory other programs write to: a link planted there must neither
+// feed another file into the address book nor let an export or the
+// emptying of the upload write through it.
+FilePtr open_for_reading(const std::string& path) {
+    Fd fd(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    struct stat st {};
+    if (!fd || ::fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) return FilePtr();
+    if (::fcntl(fd.get(), F_SETFL, 0) != 0) return FilePtr();
+    FILE* f = ::fdopen(fd.get(), "r");
+    if (f) fd.release();
+    return FilePtr(f);
+}
+
+// Truncates or creates the file; anything but a plain file of its own
+// (a link, a second name of another file) is removed first.
+FilePtr open_for_writing(const std::string& path) {
+    struct stat st {};
+    if (::lstat(path.c_str(), &st) == 0 && (!S_ISREG(st.st_mode) || st.st_nlink != 1))
+        ::unlink(path.c_str());
+    Fd fd(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644));
+    if (!fd) return FilePtr();
+    FILE* f = ::fdopen(fd.get(), "w");
+    if (f) fd.release();
+    return FilePtr(f);
+}
+
 // Column numbers in file order (first, last, number, description), the
 // same sorted ascending, and for each sorted place the field it fills.
 struct ColumnFormat {
@@ -38,7 +69,7 @@ struct ColumnFormat {
 };
 
 std::optional<ColumnFormat> read_format(const std::string& path) {
-    FilePtr f = open_file(path, "r");
+    FilePtr f = open_for_reading(path);
     if (!f) return std::nullopt;
     ColumnFormat fmt;
     char buf[10];
@@ -153,13 +184,13 @@ void blank_out_breaks_and_quotes(std::string& s) {
 // Rejects the upload: the marker tells the web interface why.
 void reject(const Runtime& rt, const char* marker, const std::string& upload) {
     touch_file(rt.path(marker));
-    write_file(upload, "");
+    open_for_writing(upload);
 }
 
 // True when every line has a first name and a number, neither beginning
 // with a blank.
 bool validate(const Runtime& rt, const std::string& upload, const ColumnFormat& fmt) {
-    FilePtr f = open_file(upload, "r");
+    FilePtr f = open_for_reading(upload);
     if (!f) return false;
     LineReader reader(f.get());
     std::string line;
@@ -186,7 +217,7 @@ bool validate(const Runtime& rt, const std::string& upload, const ColumnFormat& 
 }  // namespace
 
 void csv_export(AddressBook& ab, const std::string& path) {
-    FilePtr f = open_file(path, "w");
+    FilePtr f = open_for_writing(path);
     if (!f) return;
     std::fputs("Firstname,Lastname,Description,Phone-Number\r\n", f.get());
     std::string line;
@@ -215,7 +246,7 @@ void csv_import(AddressBook& ab, const Runtime& rt, const std::string& path) {
     if (!fmt) return;
     if (!validate(rt, path, *fmt)) return;
 
-    FilePtr f = open_file(path, "r");
+    FilePtr f = open_for_reading(path);
     if (!f) return;
     LineReader reader(f.get());
     std::string line;

@@ -1,11 +1,13 @@
 #include "core/daemon.h"
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/ioctl.h>
 #include <sys/select.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -46,6 +48,15 @@ constexpr int kRequestWaitMs = 1000;
 constexpr int kRealignWaitMs = 100;
 constexpr int kMaxRealign = 2;
 constexpr auto kDialoutStopWait = std::chrono::seconds(2);
+
+// Empties the upload ("> FILE") without writing through a link planted at
+// its name: anything but a plain file of its own is removed first.
+void empty_upload(const std::string& path) {
+    struct stat st {};
+    if (::lstat(path.c_str(), &st) == 0 && (!S_ISREG(st.st_mode) || st.st_nlink != 1))
+        ::unlink(path.c_str());
+    Fd(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644));
+}
 
 // Waits up to `ms` for a datagram; a signal arriving meanwhile (a child
 // exiting, the time-client alarm) does not cut the wait short.
@@ -359,7 +370,7 @@ bool SmsGateway::on_send_sms(const std::string& request, std::string& reply) {
 bool SmsGateway::on_csv_file(std::string& reply) {
     const std::string upload = rt_.path("/var/run/AddressBook.csv");
     csv_import(ab_, rt_, upload);
-    write_file(upload, "");
+    empty_upload(upload);
     remove_file(rt_.path("/var/run/csv_frmt.dat"));
     reply.clear();
     return true;

@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <thread>
 
@@ -128,14 +129,15 @@ int getserialfd(const std::string& path) {
 bool signal_value_usable(std::string_view answer) {
     size_t colon = answer.find(':');
     if (colon == std::string_view::npos) return false;
-    // "%d,%s": leading blanks, a sign and digits, then a comma and more text.
+    // Leading blanks, a sign and digits; what follows does not matter. strtol
+    // rather than "%d", which is undefined for a number beyond int.
     std::string rest(answer.substr(colon + 1));
-    int value = 0;
-    char tail[300];
-    if (std::sscanf(rest.c_str(), "%d,%299s", &value, tail) < 1) return false;
-    trace("Read - %d - %s\n", value, std::string(answer).c_str());
-    // value - 1 compared unsigned against 30: 0, 99 and negatives fail.
-    return static_cast<unsigned>(value) - 1u <= 30u;
+    char* end = nullptr;
+    long value = std::strtol(rest.c_str(), &end, 10);
+    if (end == rest.c_str()) return false;
+    trace("Read - %ld - %s\n", value, std::string(answer).c_str());
+    // 0, 99 (unknown), negatives and anything above 31 fail.
+    return value >= 1 && value <= 31;
 }
 
 int probe_modem(const std::string& path, int settle_ms) {

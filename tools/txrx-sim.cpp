@@ -3,6 +3,8 @@
 //   txrx-sim DEVICE              run as the daemon's txrx child
 //   txrx-sim inject SENDER TEXT  send one incoming-SMS report to the daemon
 //   txrx-sim request TEXT        send one web-interface request, print reply
+//   txrx-sim loopback [SENDER] [yy/MM/dd hh:mm:ss+zz]
+//                                play the network returning the clock SMS
 //
 // As a child it reads SMSGW_ROOT and SMSGW_PORT_OFFSET, writes its pid to
 // ROOT/var/run/txrx_pid_file, listens on 127.0.0.1:20202+offset and appends
@@ -21,13 +23,18 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstddef>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <fstream>
 #include <iostream>
 #include <string>
 #include <thread>
+#include <utility>
+#include <vector>
 
 namespace {
 
@@ -163,16 +170,126 @@ int request(const std::string& text) {
     return 0;
 }
 
-void usage() {
-    std::cerr << "usage: txrx-sim DEVICE | inject SENDER TEXT | request TEXT\n";
+// The gateway sets its clock by sending itself an SMS; the receiving side
+// stores the returned SMS with the service centre's stamp in the inbox and
+// reports it. Appended like a real receiver would, so an inbox that already
+// holds a loop-back record keeps the older stamp in effect.
+constexpr char kLoopBackText[] = "TIMESETTINGS_LOOP_BACK_MSG";
+constexpr char kDefaultLoopBackSender[] = "+15550100";
+
+bool is_digits(const std::string& s, size_t from, size_t n) {
+    if (from > s.size() || n > s.size() - from) return false;
+    for (size_t i = from; i < from + n; ++i)
+        if (s[i] < '0' || s[i] > '9') return false;
+    return true;
+}
+
+bool valid_date_stamp(const std::string& d) {  // yy/MM/dd
+    return d.size() == 8 && is_digits(d, 0, 2) && d[2] == '/' && is_digits(d, 3, 2) &&
+           d[5] == '/' && is_digits(d, 6, 2);
+}
+
+bool valid_time_stamp(const std::string& t) {  // hh:mm:ss then +zz or -zz
+    return t.size() >= 10 && is_digits(t, 0, 2) && t[2] == ':' && is_digits(t, 3, 2) &&
+           t[5] == ':' && is_digits(t, 6, 2) && (t[8] == '+' || t[8] == '-') &&
+           is_digits(t, 9, t.size() - 9);
+}
+
+// The network's stamp for "now", in UTC (the daemon ignores the zone).
+std::pair<std::string, std::string> now_stamp() {
+    std::time_t now = std::time(nullptr);
+    std::tm utc{};
+    ::gmtime_r(&now, &utc);
+    char date[16];
+    char time[16];
+    std::strftime(date, sizeof date, "%y/%m/%d", &utc);
+    std::strftime(time, sizeof time, "%H:%M:%S+00", &utc);
+    return {date, time};
+}
+
+bool append_inbox_record(const std::string& text) {
+    std::ofstream inbox(root_path("/var/Inbox/smsinbox.dat"), std::ios::app | std::ios::binary);
+    if (!inbox) return false;
+    // The length is a host-order 32-bit word, as the receiver writes it.
+    auto length = static_cast<uint32_t>(text.size());
+    inbox.write(reinterpret_cast<const char*>(&length), sizeof length);
+    inbox << text;
+    inbox.flush();
+    return static_cast<bool>(inbox);
+}
+
+// loopback [SENDER] [STAMP]: STAMP is "yy/MM/dd hh:mm:ss+zz" as one
+// argument or as two.
+int loopback(const std::vector<std::string>& args) {
+    std::string sender = kDefaultLoopBackSender;
+    size_t next = 0;
+    if (next < args.size() && !valid_date_stamp(args[next].substr(0, 8))) sender = args[next++];
+    std::vector<std::string> stamp(args.begin() + static_cast<std::ptrdiff_t>(next), args.end());
+    if (stamp.size() == 1) {
+        size_t blank = stamp[0].find(' ');
+        if (blank == std::string::npos)
+            stamp.clear();
+        else
+            stamp = {stamp[0].substr(0, blank), stamp[0].substr(blank + 1)};
+    }
+    std::pair<std::string, std::string> when;
+    if (stamp.empty() && next == args.size()) {
+        when = now_stamp();
+    } else if (stamp.size() == 2 && valid_date_stamp(stamp[0]) && valid_time_stamp(stamp[1])) {
+        when = {stamp[0], stamp[1]};
+    } else {
+        std::cerr << "txrx-sim: the stamp must read yy/MM/dd hh:mm:ss+zz\n";
+        return 2;
+    }
+    if (sender.empty() || sender.size() >= kSenderField ||
+        sender.find("^|^") != std::string::npos) {
+        std::cerr << "txrx-sim: the sender must be 1 to " << kSenderField - 1
+                  << " characters without \"^|^\"\n";
+        return 2;
+    }
+    std::string record = sender + "^|^" + when.first + "^|^" + when.second + "^|^" + kLoopBackText;
+    if (!append_inbox_record(record)) {
+        std::cerr << "txrx-sim: cannot append to " << root_path("/var/Inbox/smsinbox.dat") << '\n';
+        return 1;
+    }
+    return inject(sender, kLoopBackText);
+}
+
+void usage(std::ostream& out) {
+    out << "usage: txrx-sim DEVICE\n"
+           "       txrx-sim inject SENDER TEXT\n"
+           "       txrx-sim request TEXT\n"
+           "       txrx-sim loopback [SENDER] [yy/MM/dd hh:mm:ss+zz]\n"
+           "\n"
+           "  DEVICE     run as the daemon's txrx child: log START/JOB/CTL lines to\n"
+           "             $SMSGW_ROOT/var/run/txrx-sim.log (every job with all its\n"
+           "             recipients) and answer each job with \"P_JB\"\n"
+           "  inject     report one incoming SMS from SENDER to the daemon\n"
+           "  request    send one web-interface request and print the reply\n"
+           "  loopback   append the returned clock SMS (stamp default: now, UTC) to\n"
+           "             $SMSGW_ROOT/var/Inbox/smsinbox.dat and report it, so the\n"
+           "             daemon sets the clock with DIR/bin/date; the first such\n"
+           "             record in the inbox is the one the daemon uses\n"
+           "\n"
+           "environment: SMSGW_ROOT (default /), SMSGW_PORT_OFFSET (default 0),\n"
+           "  SMSGW_SIM_DELAY_MS (wait before answering a job),\n"
+           "  SMSGW_SIM_SILENT=1 (never answer: a modem that hangs)\n";
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc == 4 && std::string(argv[1]) == "inject") return inject(argv[2], argv[3]);
-    if (argc == 3 && std::string(argv[1]) == "request") return request(argv[2]);
-    if (argc == 2 && argv[1][0] != '-') return run_transceiver(argv[1]);
-    usage();
+    std::vector<std::string> args(argv + 1, argv + argc);
+    if (!args.empty() && (args[0] == "--help" || args[0] == "-h")) {
+        usage(std::cout);
+        return 0;
+    }
+    if (args.size() == 3 && args[0] == "inject") return inject(args[1], args[2]);
+    if (args.size() == 2 && args[0] == "request") return request(args[1]);
+    if (!args.empty() && args.size() <= 4 && args[0] == "loopback")
+        return loopback(std::vector<std::string>(args.begin() + 1, args.end()));
+    if (args.size() == 1 && !args[0].empty() && args[0][0] != '-' && args[0] != "loopback")
+        return run_transceiver(args[0]);
+    usage(std::cerr);
     return 2;
 }

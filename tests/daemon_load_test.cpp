@@ -256,8 +256,8 @@ TEST_F(DaemonLoad, ConcurrentCommandsAndQueuedSendsKeepRepliesOrderAndMemory) {
                 sends, seconds, rss_before, rss_after);
 #if defined(__SANITIZE_ADDRESS__)
     // The sanitizer's quarantine holds freed memory back on purpose; the
-    // resident size says nothing about leaks there.
-    GTEST_SKIP() << "resident memory is not compared in a sanitizer build";
+    // resident size says nothing about leaks there (its leak check does).
+    std::printf("resident memory not compared in a sanitizer build\n");
 #else
     EXPECT_LE(rss_after, rss_before + rss_before / 10);
 #endif

@@ -20,8 +20,9 @@ set(CMAKE_STRIP ${SMSGW_CROSS_TRIPLET}-strip CACHE FILEPATH "strip for the targe
 # 64-bit file offsets and inode numbers: without them readdir() and stat()
 # of a 32-bit program fail with EOVERFLOW on file systems that hand out
 # 64-bit values (seen under qemu on 64-bit hosts, possible on large media).
-set(CMAKE_C_FLAGS_INIT "-D_FILE_OFFSET_BITS=64")
-set(CMAKE_CXX_FLAGS_INIT "-D_FILE_OFFSET_BITS=64")
+# A definition rather than *_FLAGS_INIT, which a build directory configured
+# before keeps ignoring from its cache.
+add_compile_definitions(_FILE_OFFSET_BITS=64)
 
 set(CMAKE_FIND_ROOT_PATH ${SMSGW_CROSS_SYSROOT})
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
@@ -34,6 +35,4 @@ set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 set(CMAKE_CROSSCOMPILING_EMULATOR qemu-mips;-L;${SMSGW_CROSS_SYSROOT})
 
 set(SMSGW_GTEST_SOURCE_DIR /usr/src/googletest CACHE PATH "GoogleTest sources to cross-build")
-if(EXISTS ${SMSGW_GTEST_SOURCE_DIR}/CMakeLists.txt)
-  set(CMAKE_PROJECT_smsgw_INCLUDE ${CMAKE_CURRENT_LIST_DIR}/cross-googletest.cmake)
-endif()
+set(CMAKE_PROJECT_smsgw_INCLUDE ${CMAKE_CURRENT_LIST_DIR}/cross-project.cmake)

@@ -67,6 +67,22 @@ std::string api_record(int32_t id) {
     return r;
 }
 
+// The /proc cmdline of a txrx the daemon started as `argv`. When
+// DIR/bin/txrx is a wrapper that keeps argv[0] and execs the emulator, the
+// emulator's options and the simulator's path sit in between.
+std::string txrx_cmdline(const std::vector<std::string>& argv) {
+    std::vector<std::string> seen = {argv.front()};
+    const test::TxrxLaunch txrx = test::txrx_launch();
+    if (!txrx.prefix.empty()) {
+        seen.insert(seen.end(), txrx.prefix.begin() + 1, txrx.prefix.end());
+        seen.push_back(txrx.program);
+    }
+    seen.insert(seen.end(), argv.begin() + 1, argv.end());
+    std::string out;
+    for (const auto& a : seen) out += a + '\0';
+    return out;
+}
+
 // A sandbox root with a running daemon that answers requests.
 class DaemonCore : public ::testing::Test {
   protected:
@@ -114,7 +130,7 @@ TEST_F(DaemonCore, StartUpPreparesFilesAndStartsOneTxrxForTheDefaultModem) {
     EXPECT_EQ(sim_log(), "START /dev/ttyS0\n");
     EXPECT_TRUE(alive(txrx_pid()));
     std::string cmdline = test::read_file("/proc/" + std::to_string(txrx_pid()) + "/cmdline");
-    EXPECT_EQ(cmdline, path("bin/txrx") + std::string(1, '\0') + "/dev/ttyS0" + '\0');
+    EXPECT_EQ(cmdline, txrx_cmdline({path("bin/txrx"), "/dev/ttyS0"}));
     // The time client is started once, about a second after start-up.
     EXPECT_TRUE(
         test::wait_for([&] { return count_of(test::read_file(path("calls.log")), "msntp") == 1; }));
@@ -412,7 +428,8 @@ struct Finished {
 };
 
 Finished run_smsgwd(const std::vector<std::string>& args, const std::string& out_path) {
-    std::vector<std::string> argv = {SMSGWD_PATH};
+    std::vector<std::string> argv = test::exec_prefix();
+    argv.emplace_back(SMSGWD_PATH);
     argv.insert(argv.end(), args.begin(), args.end());
     pid_t pid = ::fork();
     if (pid == 0) {
@@ -422,7 +439,7 @@ Finished run_smsgwd(const std::vector<std::string>& args, const std::string& out
         std::vector<char*> a;
         for (auto& s : argv) a.push_back(s.data());
         a.push_back(nullptr);
-        ::execv(a[0], a.data());
+        ::execvp(a[0], a.data());
         ::_exit(127);
     }
     Finished f;

@@ -11,6 +11,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -63,8 +64,24 @@ std::optional<std::string> receive_on(int fd, std::chrono::milliseconds deadline
     return std::string(buf, static_cast<size_t>(n));
 }
 
-// Ends every process whose program (argv[0]) lies under root.
+// True once a process has released what it held (its ports above all):
+// gone from /proc, or a zombie nobody has reaped yet.
+bool process_ended(pid_t pid) {
+    std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
+    std::string stat;
+    if (!std::getline(in, stat)) return true;
+    size_t close = stat.rfind(')');
+    return close == std::string::npos || stat.compare(close, 4, ") Z ") == 0 ||
+           stat.compare(close, 4, ") X ") == 0;
+}
+
+// Ends every process whose program (argv[0]) lies under root and waits
+// until they are gone, so that the next daemon started on the same root
+// and ports finds txrx's port free. The processes are the daemon's children,
+// not ours, so they cannot be reaped here; an emulated one takes a while
+// to die.
 void kill_root_children(const std::string& root) {
+    std::vector<pid_t> killed;
     DIR* d = ::opendir("/proc");
     if (!d) return;
     while (dirent* e = ::readdir(d)) {
@@ -73,9 +90,12 @@ void kill_root_children(const std::string& root) {
         std::ifstream in("/proc/" + std::string(e->d_name) + "/cmdline", std::ios::binary);
         std::string arg0;
         std::getline(in, arg0, '\0');
-        if (arg0.compare(0, root.size() + 1, root + "/") == 0) ::kill(pid, SIGKILL);
+        if (arg0.compare(0, root.size() + 1, root + "/") == 0 && ::kill(pid, SIGKILL) == 0)
+            killed.push_back(pid);
     }
     ::closedir(d);
+    wait_for([&] { return std::all_of(killed.begin(), killed.end(), process_ended); },
+             std::chrono::milliseconds(10000));
 }
 
 }  // namespace
@@ -86,6 +106,17 @@ std::vector<std::string> exec_prefix() {
     std::istringstream in(p ? p : "");
     for (std::string w; in >> w;) out.push_back(w);
     return out;
+}
+
+TxrxLaunch txrx_launch() {
+    std::vector<std::string> prefix = exec_prefix();
+    if (prefix.empty()) return {TXRX_SIM_PATH, {}};
+    // A cross build also makes the simulator for this machine: it listens
+    // at once, as a real txrx would, where an emulated one would still be
+    // starting when the daemon hands over its first queued job.
+    const std::string host = TXRX_SIM_PATH "-host";
+    if (::access(host.c_str(), X_OK) == 0) return {host, {}};
+    return {TXRX_SIM_PATH, std::move(prefix)};
 }
 
 TempDir::TempDir() {
@@ -143,16 +174,16 @@ void prepare_root(const std::string& root) {
     write_file(root + "/var/config/api_stat.st", std::string(4, '\0'));
     for (const char* f : {"trigger_broadcast", "preconf_sms", "trigger_ctrl", "authenticate_list"})
         write_file(root + "/var/config/" + f, "");
-    const std::vector<std::string> prefix = exec_prefix();
-    if (prefix.empty()) {
-        ::symlink(TXRX_SIM_PATH, (root + "/bin/txrx").c_str());
+    const TxrxLaunch txrx = txrx_launch();
+    if (txrx.prefix.empty()) {
+        ::symlink(txrx.program.c_str(), (root + "/bin/txrx").c_str());
     } else {
         // Without binfmt_misc the daemon cannot exec the simulator itself;
         // the wrapper keeps its own path as argv[0] so that the process
         // still counts as one of this root's children.
         std::string script = "#!/bin/bash\nexec -a \"$0\"";
-        for (const auto& w : prefix) script += " '" + w + "'";
-        script += " '" TXRX_SIM_PATH "' \"$@\"\n";
+        for (const auto& w : txrx.prefix) script += " '" + w + "'";
+        script += " '" + txrx.program + "' \"$@\"\n";
         write_file(root + "/bin/txrx", script);
         ::chmod((root + "/bin/txrx").c_str(), 0755);
     }

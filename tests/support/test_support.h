@@ -34,6 +34,15 @@ class TempDir {
 // empty for native builds.
 std::vector<std::string> exec_prefix();
 
+// How DIR/bin/txrx runs the simulator: natively (an empty prefix) or, in a
+// cross build without a simulator built for this machine, through a wrapper
+// that keeps argv[0] and runs `program` under the emulator `prefix`.
+struct TxrxLaunch {
+    std::string program;
+    std::vector<std::string> prefix;
+};
+TxrxLaunch txrx_launch();
+
 // A port offset unlikely to collide with other tests running at once.
 int random_port_offset();
 

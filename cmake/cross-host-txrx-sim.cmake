@@ -1,0 +1,18 @@
+# Included right after project() in cross builds: the transceiver simulator
+# built for the build machine as txrx-sim-host. The integration tests let
+# the emulated daemon start this one instead of an emulated simulator: an
+# emulated txrx takes a few hundred milliseconds to listen, while the daemon
+# hands a queued job over on its first pass after starting txrx, so the job
+# would go to a port nobody listens on yet. A real txrx is not emulated.
+find_program(SMSGW_HOST_CXX NAMES c++ g++ clang++ NO_CMAKE_FIND_ROOT_PATH)
+set(_sim_source ${CMAKE_SOURCE_DIR}/tools/txrx-sim.cpp)
+if(SMSGW_HOST_CXX AND EXISTS ${_sim_source})
+  add_custom_command(
+    OUTPUT ${CMAKE_BINARY_DIR}/txrx-sim-host
+    COMMAND ${SMSGW_HOST_CXX} -std=c++17 -O2 -Wall -Wextra -o ${CMAKE_BINARY_DIR}/txrx-sim-host
+            ${_sim_source}
+    DEPENDS ${_sim_source}
+    COMMENT "Building txrx-sim for the build machine"
+    VERBATIM)
+  add_custom_target(host_txrx_sim ALL DEPENDS ${CMAKE_BINARY_DIR}/txrx-sim-host)
+endif()

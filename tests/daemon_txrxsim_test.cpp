@@ -49,8 +49,9 @@ size_t count_of(const std::string& hay, const std::string& needle) {
 // Runs txrx-sim with the root and port offset in its environment; returns
 // its exit status, or -1 when it does not end within the deadline.
 int run_sim(const std::string& root, int offset, const std::vector<std::string>& args) {
-    std::vector<std::string> argv = test::exec_prefix();
-    argv.emplace_back(TXRX_SIM_PATH);
+    const test::TxrxLaunch sim = test::txrx_launch();
+    std::vector<std::string> argv = sim.prefix;
+    argv.push_back(sim.program);
     argv.insert(argv.end(), args.begin(), args.end());
     pid_t pid = ::fork();
     if (pid == 0) {

@@ -4,6 +4,8 @@
 # emulated txrx takes a few hundred milliseconds to listen, while the daemon
 # hands a queued job over on its first pass after starting txrx, so the job
 # would go to a port nobody listens on yet. A real txrx is not emulated.
+# The simulator's commands that write binary files (loopback) still run
+# emulated, in the daemon's byte order.
 find_program(SMSGW_HOST_CXX NAMES c++ g++ clang++ NO_CMAKE_FIND_ROOT_PATH)
 set(_sim_source ${CMAKE_SOURCE_DIR}/tools/txrx-sim.cpp)
 if(SMSGW_HOST_CXX AND EXISTS ${_sim_source})

@@ -72,7 +72,7 @@ std::string api_record(int32_t id) {
 // emulator's options and the simulator's path sit in between.
 std::string txrx_cmdline(const std::vector<std::string>& argv) {
     std::vector<std::string> seen = {argv.front()};
-    const test::TxrxLaunch txrx = test::txrx_launch();
+    const test::TxrxLaunch txrx = test::txrx_child_launch();
     if (!txrx.prefix.empty()) {
         seen.insert(seen.end(), txrx.prefix.begin() + 1, txrx.prefix.end());
         seen.push_back(txrx.program);

@@ -109,14 +109,14 @@ std::vector<std::string> exec_prefix() {
 }
 
 TxrxLaunch txrx_launch() {
-    std::vector<std::string> prefix = exec_prefix();
-    if (prefix.empty()) return {TXRX_SIM_PATH, {}};
-    // A cross build also makes the simulator for this machine: it listens
-    // at once, as a real txrx would, where an emulated one would still be
-    // starting when the daemon hands over its first queued job.
+    return {TXRX_SIM_PATH, exec_prefix()};
+}
+
+TxrxLaunch txrx_child_launch() {
+    TxrxLaunch launch = txrx_launch();
     const std::string host = TXRX_SIM_PATH "-host";
-    if (::access(host.c_str(), X_OK) == 0) return {host, {}};
-    return {TXRX_SIM_PATH, std::move(prefix)};
+    if (!launch.prefix.empty() && ::access(host.c_str(), X_OK) == 0) return {host, {}};
+    return launch;
 }
 
 TempDir::TempDir() {
@@ -174,7 +174,7 @@ void prepare_root(const std::string& root) {
     write_file(root + "/var/config/api_stat.st", std::string(4, '\0'));
     for (const char* f : {"trigger_broadcast", "preconf_sms", "trigger_ctrl", "authenticate_list"})
         write_file(root + "/var/config/" + f, "");
-    const TxrxLaunch txrx = txrx_launch();
+    const TxrxLaunch txrx = txrx_child_launch();
     if (txrx.prefix.empty()) {
         ::symlink(txrx.program.c_str(), (root + "/bin/txrx").c_str());
     } else {

@@ -34,14 +34,25 @@ class TempDir {
 // empty for native builds.
 std::vector<std::string> exec_prefix();
 
-// How DIR/bin/txrx runs the simulator: natively (an empty prefix) or, in a
-// cross build without a simulator built for this machine, through a wrapper
-// that keeps argv[0] and runs `program` under the emulator `prefix`.
+// How to run txrx-sim: natively (an empty prefix) or under the emulator
+// `prefix`.
 struct TxrxLaunch {
     std::string program;
     std::vector<std::string> prefix;
 };
+// For its commands (inject, request, loopback): in a cross build under the
+// emulator, so that what it writes into the root's binary files (the inbox
+// record lengths) has the daemon's byte order.
 TxrxLaunch txrx_launch();
+// For the transceiver the daemon starts as DIR/bin/txrx. A cross build also
+// makes the simulator for this machine (txrx-sim-host), used here when
+// present: an emulated one takes a few hundred milliseconds to listen,
+// while the daemon hands a queued job over on its first pass after starting
+// txrx. As a transceiver the simulator handles text only (job files, pid
+// file, log, reports), so byte order does not matter there. Without it,
+// DIR/bin/txrx is a wrapper that keeps argv[0] and runs `program` under
+// `prefix`.
+TxrxLaunch txrx_child_launch();
 
 // A port offset unlikely to collide with other tests running at once.
 int random_port_offset();

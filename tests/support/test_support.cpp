@@ -132,10 +132,30 @@ TempDir::~TempDir() {
     remove_tree(path_);
 }
 
+// True when nothing holds any UDP port the daemon and its txrx use at this
+// offset. Other daemons, simulators and benchmarks run on the same machine
+// at the same time; one of them on our txrx port would swallow our jobs.
+bool ports_free(int offset) {
+    for (int base : {20202, 20203, 20204, 20205, 20206, 20207, 30303}) {
+        int fd = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+        if (fd < 0) return false;
+        sockaddr_in a = loopback(base + offset);
+        bool ok = ::bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0;
+        ::close(fd);
+        if (!ok) return false;
+    }
+    return true;
+}
+
 int random_port_offset() {
     static std::mt19937 rng{std::random_device{}()};
     // Ports 20202+off .. 30303+off must stay below 65536.
-    return 100 + static_cast<int>(rng() % 3000) * 10;
+    int offset = 0;
+    for (int attempt = 0; attempt < 50; ++attempt) {
+        offset = 100 + static_cast<int>(rng() % 3000) * 10;
+        if (ports_free(offset)) break;
+    }
+    return offset;
 }
 
 void write_file(const std::string& path, const std::string& content) {

@@ -252,8 +252,8 @@ TEST_F(DaemonLoad, ConcurrentCommandsAndQueuedSendsKeepRepliesOrderAndMemory) {
     EXPECT_EQ(queued_seen, queued) << "queued jobs handed over out of order";
     EXPECT_GT(queued.size(), 0u) << "nothing was queued: the load did not load";
 
-    std::printf("commands=%d sends=%d seconds=%.1f rss_before_kb=%ld rss_after_kb=%ld\n", commands,
-                sends, seconds, rss_before, rss_after);
+    std::printf("commands=%d sends=%d queued=%zu seconds=%.1f rss_before_kb=%ld rss_after_kb=%ld\n",
+                commands, sends, queued.size(), seconds, rss_before, rss_after);
 #if defined(__SANITIZE_ADDRESS__)
     // The sanitizer's quarantine holds freed memory back on purpose; the
     // resident size says nothing about leaks there (its leak check does).

@@ -376,12 +376,13 @@ void ab_save_contacts(AddressBook& ab, FILE* stream) {
 }
 
 void ab_save_groups(AddressBook& ab, const Runtime& rt) {
-    FilePtr f = open_file(rt.path("/var/AddressBook/groups"), "w");
-    if (!f) return;
+    // Replaced whole, so a power cut during a save leaves the previous list.
+    std::string body;
     for (Group* g = ab.first_group(); g; g = g->next.get()) {
-        std::fwrite(g->group_name.data(), 1, g->group_name.size(), f.get());
-        std::fputc('\n', f.get());
+        body += g->group_name;
+        body += '\n';
     }
+    write_file_atomic(rt.path("/var/AddressBook/groups"), body);
 }
 
 }  // namespace smsgw

@@ -89,7 +89,10 @@ bool write_file_atomic(const std::string& path, std::string_view content) {
     Fd fd;
     auto temp = create_temp_file(dir_of(path), "." + base + ".tmp", &fd);
     if (!temp) return false;
-    bool ok = write_all(fd.get(), content) && ::fsync(fd.get()) == 0;
+    // The temporary is private while written; the result is an ordinary
+    // readable file, as one written in place would be.
+    bool ok = ::fchmod(fd.get(), 0644) == 0;
+    ok = ok && write_all(fd.get(), content) && ::fsync(fd.get()) == 0;
     ok = fd.close_checked() && ok;
     if (!ok || !replace_file(*temp, path)) {
         ::unlink(temp->c_str());

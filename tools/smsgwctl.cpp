@@ -152,7 +152,7 @@ const OptionSpec kGlobalOptions = {
 // Splits a verb's arguments into positional words and options; global
 // options are also taken here so that "status --json" works. "--" ends the
 // options, so a text starting with "--" can still be sent.
-Args parse_args(Global& g, const std::vector<std::string>& in, const OptionSpec& spec) {
+Args parse_args(Global& g, const std::vector<std::string>& in, const OptionSpec& known) {
     Args a;
     bool options_done = false;
     for (size_t i = 0; i < in.size(); ++i) {
@@ -165,9 +165,9 @@ Args parse_args(Global& g, const std::vector<std::string>& in, const OptionSpec&
             options_done = true;
             continue;
         }
-        auto it = spec.find(w);
+        auto it = known.find(w);
         bool global = false;
-        if (it == spec.end()) {
+        if (it == known.end()) {
             it = kGlobalOptions.find(w);
             if (it == kGlobalOptions.end()) throw UsageError{"unknown option " + w};
             global = true;
@@ -991,9 +991,9 @@ int cmd_import_csv(Global& g, const std::vector<std::string>& in) {
     expect_positional(a, 1, 1, "import-csv FILE [--columns FIRST,LAST,NUMBER,DESC]");
     // Without --columns the file is taken to be laid out as the export
     // writes it: first name, last name, description, number.
-    std::string spec = a.value("--columns").value_or("1,2,4,3");
+    std::string columns = a.value("--columns").value_or("1,2,4,3");
     std::vector<std::string> cols;
-    const std::string list = spec + ",";
+    const std::string list = columns + ",";
     FieldCutter cut(list);
     while (auto x = cut.next(",")) cols.emplace_back(*x);
     if (cols.size() != 4) throw UsageError{"--columns takes four column numbers"};

@@ -579,7 +579,8 @@ TEST_F(SchedulerTest, RequestModeRepliesToThePeerAndQueuesPerModemWork) {
               outbox_head + ",111");
 
     // A broadcast in request mode leaves a per-modem job that the next idle
-    // run hands to txrx.
+    // run hands to txrx; its request file goes where requests are taken from.
+    rt.spool_dirs = {dir / "var/run"};
     std::string body = dir / "var/run/pending_jobs";
     std::string bytes = std::string(50, '\0') + "Hi" + std::string(158, '\0') + "555";
     test::write_file(body, bytes);
@@ -613,6 +614,24 @@ TEST_F(SchedulerTest, BrokenPerModemFileDoesNotHoldTheRingBack) {
     ASSERT_TRUE(d);
     EXPECT_EQ(job_number(*d), "777");
     EXPECT_EQ(queue.permodem_pending, 0);
+
+    // A damaged record naming a file outside the spool (or a relative name,
+    // which would land in our working directory) is dropped, not recreated.
+    rt.job_outstanding = 0;
+    std::string outside = dir / "var/Jobs/escaped";
+    std::string body = build_request_file("a", "t", "999^|^", "", "");
+    for (const std::string& name : {outside, std::string("escaped-relative")}) {
+        SCOPED_TRACE(name);
+        test::write_file(
+            side,
+            encode_job_header(static_cast<int32_t>(body.size()), 0, "send-sms " + name) + body);
+        queue.permodem_pending = 1;
+        queue.create_job_from_pending_jobs(0);
+        EXPECT_FALSE(test::exists(name));
+        EXPECT_FALSE(test::exists(side));
+        EXPECT_EQ(queue.permodem_pending, 0);
+        EXPECT_FALSE(txrx.receive(100ms).has_value());
+    }
 
     // A vanished side file: the ring is served again.
     rt.job_outstanding = 0;

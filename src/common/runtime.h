@@ -50,6 +50,11 @@ struct Runtime {
     Ports ports;
     // Directories a request file named in a datagram may lie in (real paths).
     std::vector<std::string> spool_dirs;
+    // Where the daemon writes request files of its own: the send handler
+    // only takes them from the spool.
+    std::string request_dir() const {
+        return spool_dirs.empty() ? path("/tmp") : spool_dirs.front();
+    }
 
     int no_of_modems = 0;
     sockaddr_in peer_addr{};  // sender of the datagram read last

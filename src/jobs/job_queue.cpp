@@ -542,9 +542,14 @@ void JobQueue::create_job_from_pending_jobs(int mode) {
         trace("Fl- Name = %s\n", h.jobfromrom.c_str());
         std::string_view line = h.jobfromrom;
         std::string name = cut_request_line(line.substr(std::min<size_t>(9, line.size())));
-        if (!recreate_request_file(job.get(), name, h.job_ln)) return;
+        // As for ring records: a damaged side file must not make us create
+        // a file wherever its record points.
+        if (sender_.request_path_allowed(name)) {
+            if (!recreate_request_file(job.get(), name, h.job_ln)) return;
+            job.reset();
+            sender_.hand_off_job(h.jobfromrom);
+        }
         job.reset();
-        sender_.hand_off_job(h.jobfromrom);
         bookkeeping(mode, h, true);
         return;
     }
@@ -677,7 +682,7 @@ void JobQueue::take_broadcast(FILE* job_file, const JobHeader& h, int mode) {
         return;
     }
     if (!api_job) {
-        auto name = create_temp_file(rt_.path("/tmp"), "file");
+        auto name = create_temp_file(rt_.request_dir(), "file");
         if (!name || write_permodem_request(*name) < 0 ||
             add_to_permodem_pending_jobs("send-sms " + *name) < 0) {
             bookkeeping(mode, h, false);

@@ -279,9 +279,7 @@ struct Triggers::Impl {
                                                   const std::string& user,
                                                   std::optional<int> api_id) {
         Fd fd;
-        // The send handler takes request files from the spool directories only.
-        std::string dir = rt.spool_dirs.empty() ? rt.path("/tmp") : rt.spool_dirs.front();
-        auto path = create_temp_file(dir, "trg", &fd);
+        auto path = create_temp_file(rt.request_dir(), "trg", &fd);
         if (!path) return std::nullopt;
         std::string image = build_request_file(user, record.text, "", "", group_section(record));
         bool ok = write_all(fd.get(), image);

@@ -1,61 +1,52 @@
-// The load-balancer message. Its handler is private to the daemon object,
-// so this target runs the pieces it is made of, in its order: the text up
-// to the first NUL of a 64-byte datagram, the "LB_OK" test, the field split
-// on blanks (at most six fields), the request id and the api status update
-// on a fuzzed status table. Input: message, then the table bytes.
+// The load-balancer message, through the daemon's own handler. Input: the
+// datagram, then the api status table, then the slave's outbox record. One
+// well-formed job is queued first so a request for work has one to take.
 #include <cstdint>
-#include <cstring>
 #include <string>
-#include <vector>
 
+#include "addressbook/address_book.h"
+#include "common/fileops.h"
 #include "common/runtime.h"
-#include "common/text.h"
 #include "fuzz_support.h"
+#include "jobs/job_queue.h"
+#include "jobs/load_balancer.h"
+#include "send/sender.h"
 #include "send/stats.h"
 
 using namespace smsgw;
 
-namespace {
-constexpr size_t kLbMessageMax = 64;
-constexpr size_t kLbMaxFields = 6;
-
-// The splitter's promises: fields are non-empty slices of the text without
-// a delimiter in them, in order, and there are never too many.
-void check_fields(std::string_view text, const std::vector<std::string_view>& fields) {
-    if (fields.size() > kLbMaxFields) __builtin_trap();
-    const char* last_end = text.data();
-    for (std::string_view f : fields) {
-        if (f.empty() || f.find(' ') != std::string_view::npos) __builtin_trap();
-        if (f.data() < last_end || f.data() + f.size() > text.data() + text.size())
-            __builtin_trap();
-        last_end = f.data() + f.size();
-    }
-}
-// A message with more than four fields reports a failed send (8), one cut
-// after the id or carrying "ERROR" a refusal (7), otherwise a result (6).
-int api_status_for(const std::vector<std::string_view>& fields) {
-    if (fields.size() > 4) return 8;
-    if (fields.size() == 3 || starts_with(fields[3], "ERROR")) return 7;
-    return 6;
-}
-
-}  // namespace
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     auto& root = fuzz::FuzzRoot::get();
     root.reset();
-    auto parts = fuzz::split_parts(data, size, 2);
+    auto parts = fuzz::split_parts(data, size, 3);
     root.write("var/config/api_stat.st", parts[1]);
-    Runtime rt(root.path(), root.port_offset());
+    if (!parts[2].empty()) root.write("var/Outbox/outbox_slave_tmp", parts[2]);
+    root.write("tmp/req-1", build_request_file("admin", "hello", "+4911^|^", "", ""));
 
-    char message[kLbMessageMax + 1] = {};
-    std::memcpy(message, parts[0].data(), std::min(parts[0].size(), kLbMessageMax));
-    std::string_view text(message);
-    if (text.find("LB_OK") == std::string_view::npos) return 0;
-    auto fields = split_fields(text, " ", kLbMaxFields);
-    check_fields(text, fields);
-    if (fields.size() < 3) return 0;
-    const int request_id = c_atoi(fields[2]);
-    if (request_id > 0) set_api_status(rt, request_id, api_status_for(fields));
+    Runtime rt(root.path(), root.port_offset());
+    rt.no_of_modems = 1;
+    ensure_sms_stats_file(rt);
+    AddressBook ab(rt.reply_buffer);
+    Sender sender(rt, ab);
+    JobQueue queue(rt, sender);
+    queue.sleep_seconds = [](unsigned) {};
+    if (!queue.try_init_job_pos_table()) return 0;
+    queue.load_job_pos_table();
+    rt.job_outstanding = 1;
+    queue.add_to_pending_jobs("send-sms " + root / "tmp/req-1");
+
+    const long long status_before = file_size(root / "var/config/api_stat.st");
+    const long long outbox_before = file_size(root / "var/Outbox/outbox_slave_tmp");
+    const long queued_before = queue.TOTAL_SIZE;
+    handle_load_balancer_message(parts[0], rt, queue);
+    // A status is written at an existing record or one past the end, and
+    // the result goes inside the outbox record (which only a job handed to
+    // the peer writes anew): neither file may grow otherwise.
+    if (file_size(root / "var/config/api_stat.st") > status_before + 60) __builtin_trap();
+    if (queue.TOTAL_SIZE == queued_before &&
+        file_size(root / "var/Outbox/outbox_slave_tmp") > outbox_before)
+        __builtin_trap();
+    if (queue.P_POS < 0 || queue.P_POS > 8 || queue.L_POS < 0 || queue.L_POS > 8) __builtin_trap();
+    fuzz::reap_children();
     return 0;
 }

@@ -28,6 +28,7 @@
 #include "common/timer.h"
 #include "common/trace.h"
 #include "core/signals.h"
+#include "jobs/load_balancer.h"
 #include "send/stats.h"
 
 namespace smsgw {
@@ -35,8 +36,6 @@ namespace smsgw {
 namespace {
 
 constexpr size_t kTxrxReportMax = 210;
-constexpr size_t kLbMessageMax = 64;
-constexpr size_t kLbMaxFields = 6;
 constexpr size_t kLengthDatagramMax = 6;
 constexpr long kRequestMax = 65507;  // largest UDP payload
 constexpr size_t kReplyMax = 599;
@@ -217,65 +216,11 @@ void SmsGateway::handle_txrx_report() {
 }
 
 SmsGateway::PassEnd SmsGateway::handle_load_balancer() {
-    char message[kLbMessageMax + 1] = {};
-    ssize_t n = receive(ep_.lb.get(), message, kLbMessageMax);
+    char message[kLbMessageMax] = {};
+    ssize_t n = receive(ep_.lb.get(), message, sizeof message);
     if (n <= 0) return PassEnd::EndPass;
-    std::string_view text(message);  // up to the first NUL
-    if (text.find("LB_OK") == std::string_view::npos) return PassEnd::Continue;
-    act_on_load_balancer(split_fields(text, " ", kLbMaxFields));
-    return PassEnd::EndPass;
-}
-
-void SmsGateway::act_on_load_balancer(const std::vector<std::string_view>& f) {
-    const size_t count = f.size();
-    const bool wants_work = count >= 2 && starts_with(f[1], "request");
-    if (count == 0) return;
-    if (count == 1 || count == 2) {
-        if (count == 1 || wants_work) queue_.create_job_from_pending_jobs(1);
-        return;
-    }
-    const int request_id = c_atoi(f[2]);
-    if (count <= 4) {
-        // A message cut after the id carries no result: like an error, but
-        // there is nothing to say about the slave's outbox file.
-        if (count == 3 || starts_with(f[3], "ERROR")) {
-            if (request_id > 0) set_api_status(rt_, request_id, 7);
-            if (count == 4) remove_file(rt_.path("/var/Outbox/outbox_slave_tmp"));
-        } else {
-            std::string_view result = f[3];
-            size_t colon = result.find(':');
-            std::string address(result.substr(0, colon));
-            rt_.slave_address = ::inet_addr(address.c_str());
-            rt_.slave_result =
-                colon == std::string_view::npos ? 0 : c_atoi(result.substr(colon + 1));
-            if (request_id > 0) set_api_status(rt_, request_id, 6);
-            outbox_slave_update();
-        }
-    } else {
-        rt_.slave_result = 5;
-        if (request_id > 0) set_api_status(rt_, request_id, 8);
-        outbox_slave_update();
-    }
-    if (wants_work) queue_.create_job_from_pending_jobs(1);
-}
-
-// The slave's outbox record ends with its result: the first word holds the
-// offset of that field minus 4.
-void SmsGateway::outbox_slave_update() {
-    const std::string path = rt_.path("/var/Outbox/outbox_slave_tmp");
-    FilePtr file = open_file(path, "r+");
-    if (!file) return;
-    unsigned char word[4];
-    if (std::fread(word, 1, sizeof word, file.get()) != sizeof word) return;
-    const long long offset = static_cast<long long>(get_i32(word)) + 4;
-    // Only a position inside the record or at its end: a forged offset
-    // must not grow the file.
-    if (offset < 4 || offset > file_size(path)) return;
-    put_i32(word, rt_.slave_result);
-    if (std::fseek(file.get(), static_cast<long>(offset), SEEK_SET) != 0) return;
-    std::fwrite(word, 1, sizeof word, file.get());
-    file.reset();
-    if (database_notice(rt_, path) < 1) remove_file(path);
+    std::string_view text(message, static_cast<size_t>(n));
+    return handle_load_balancer_message(text, rt_, queue_) ? PassEnd::EndPass : PassEnd::Continue;
 }
 
 void SmsGateway::handle_gui_request() {

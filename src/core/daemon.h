@@ -47,8 +47,6 @@ class SmsGateway {
     void save_address_book_on_request();
     void handle_txrx_report();
     PassEnd handle_load_balancer();
-    void act_on_load_balancer(const std::vector<std::string_view>& f);
-    void outbox_slave_update();
     void handle_gui_request();
     // The length datagram and the request it announces; nullopt when the
     // request does not follow in time.

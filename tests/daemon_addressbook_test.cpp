@@ -1,50 +1,19 @@
 // The address book through the real daemon: the start-up load empties
 // "/var/AddressBook", SIGUSR1 writes both files back byte for byte, and the
 // CSV requests of the web interface import and export contacts.
-#include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/ipc.h>
-#include <sys/shm.h>
 
-#include <memory>
 #include <string>
 
 #include "support/test_support.h"
 
-using namespace smsgw::test;
-
+namespace smsgw::test {
 namespace {
 
-class DaemonAddressBook : public ::testing::Test {
-  protected:
-    void start(const std::string& contacts, const std::string& groups) {
-        prepare_root(dir.path());
-        if (!contacts.empty()) write_file(book(), contacts);
-        if (!groups.empty()) write_file(groups_file(), groups);
-        daemon = std::make_unique<Daemon>(dir.path(), offset);
-        ASSERT_TRUE(daemon->wait_ready()) << daemon->stderr_text();
-    }
-    ~DaemonAddressBook() override {
-        daemon.reset();
-        int id = ::shmget(static_cast<key_t>(16384 + offset), 0, 0);
-        if (id >= 0) ::shmctl(id, IPC_RMID, nullptr);
-    }
-    std::string ask(const std::string& text) {
-        auto reply = client.request(20205 + offset, text);
-        EXPECT_TRUE(reply.has_value()) << "no reply to " << text;
-        std::string r = reply.value_or("<none>");
-        return r.substr(0, r.find('\0'));
-    }
-    std::string book() const { return dir / "var/AddressBook/Address_Book"; }
-    std::string groups_file() const { return dir / "var/AddressBook/groups"; }
+using DaemonAddressBook = DaemonFixture;
 
-    TempDir dir;
-    int offset = random_port_offset();
-    std::unique_ptr<Daemon> daemon;
-    UdpClient client;
-};
-
-}  // namespace
+const std::string kBook = "var/AddressBook/Address_Book";
+const std::string kGroups = "var/AddressBook/groups";
 
 TEST_F(DaemonAddressBook, SigusrOneSavesWhatWasLoaded) {
     const std::string contacts =
@@ -53,25 +22,29 @@ TEST_F(DaemonAddressBook, SigusrOneSavesWhatWasLoaded) {
         "Bob^|^777^|^^|^^|^\n"
         "Carl^|^+49 30 1^|^x^|^1,2,3,^|^\n";
     const std::string groups = "Family\nwork\nAll\n";
-    start(contacts, groups);
+    seed_contacts(contacts, groups);
+    start();
 
     // The memory copy is authoritative after the load: the files are gone.
-    EXPECT_FALSE(exists(book()));
-    EXPECT_FALSE(exists(groups_file()));
-    EXPECT_FALSE(exists(dir / "var/run/init_address_book"));
+    EXPECT_FALSE(exists(path(kBook)));
+    EXPECT_FALSE(exists(path(kGroups)));
+    EXPECT_FALSE(exists(path("var/run/init_address_book")));
     EXPECT_EQ(ask("get-sms total-entries phone_book^|^"), "4");
     EXPECT_EQ(ask("get-sms total-entries groups^|^"), "3");
 
-    ASSERT_EQ(::kill(daemon->pid(), SIGUSR1), 0);
-    EXPECT_TRUE(wait_for([&] { return read_file(book()) == contacts; }))
-        << "got: " << read_file(book());
-    EXPECT_TRUE(wait_for([&] { return read_file(groups_file()) == groups; }));
+    // The web interface marks its save request with a flag file.
+    write_file(path("var/run/save_flag_file"), "set by the web interface");
+    ASSERT_EQ(::kill(daemon_->pid(), SIGUSR1), 0);
+    EXPECT_TRUE(wait_file(kBook, contacts)) << file(kBook);
+    EXPECT_TRUE(wait_file(kGroups, groups));
+    EXPECT_TRUE(wait_file("var/run/save_flg_file", "save_flag==1\nafter strcpy,parse\n"));
+    EXPECT_TRUE(wait_for([&] { return !exists(path("var/run/save_flag_file")); }));
 
     // A second save writes the same (member lists come back as they were).
-    ::unlink(book().c_str());
-    ASSERT_EQ(::kill(daemon->pid(), SIGUSR1), 0);
-    EXPECT_TRUE(wait_for([&] { return read_file(book()) == contacts; }));
-    EXPECT_TRUE(daemon->running());
+    ::unlink(path(kBook).c_str());
+    ASSERT_EQ(::kill(daemon_->pid(), SIGUSR1), 0);
+    EXPECT_TRUE(wait_file(kBook, contacts));
+    EXPECT_TRUE(daemon_->running());
 }
 
 TEST_F(DaemonAddressBook, DamagedFileLoadsWhatItCan) {
@@ -79,37 +52,50 @@ TEST_F(DaemonAddressBook, DamagedFileLoadsWhatItCan) {
     contacts += std::string(10000, 'x') + "^|^1^|^^|^^|^\n";
     contacts += "no separators at all\n";
     contacts += std::string("Nul^|^1^|^a\0b^|^^|^\n", 20);
-    start(contacts, "g\n");
+    seed_contacts(contacts, "g\n");
+    start();
     EXPECT_EQ(ask("get-sms total-entries phone_book^|^"), "2");
     EXPECT_EQ(ask("save-address-book ^|^"), "SUCCESS");
-    EXPECT_EQ(read_file(book()), "Bob^|^777^|^^|^^|^\nNul^|^1^|^a^|^^|^\n");
+    EXPECT_EQ(file(kBook), "Bob^|^777^|^^|^^|^\nNul^|^1^|^a^|^^|^\n");
 }
 
 TEST_F(DaemonAddressBook, CsvImportThenExport) {
-    start("Zed^|^1^|^^|^^|^\n", "");
-    write_file(dir / "var/run/csv_frmt.dat", "1\n2\n4\n3\n");
-    write_file(dir / "var/run/AddressBook.csv",
+    seed_contacts("Zed^|^1^|^^|^^|^\n");
+    start();
+    write_file(path("var/run/csv_frmt.dat"), "1\n2\n4\n3\n");
+    write_file(path("var/run/AddressBook.csv"),
                "Firstname,Lastname,Description,Phone-Number\n"
                "Ann,Lee,\"desk, left\",555\n"
                "Bob,,,777\n");
     EXPECT_EQ(ask("CSVFILE"), "");
     EXPECT_EQ(ask("get-sms total-entries phone_book^|^"), "3");
-    EXPECT_FALSE(exists(dir / "var/tmp/csv_empty_err"));
+    EXPECT_FALSE(exists(path("var/tmp/csv_empty_err")));
 
-    EXPECT_EQ(ask("CSVEXPORT"), dir / "var/run/QX_Address_Book.csv");
-    EXPECT_EQ(read_file(dir / "var/run/QX_Address_Book.csv"),
+    const std::string exported = path("var/run/QX_Address_Book.csv");
+    EXPECT_EQ(ask("CSVEXPORT"), exported);
+    EXPECT_EQ(read_file(exported),
               "Firstname,Lastname,Description,Phone-Number\r\n"
               "Ann,Lee,desk, left,555\r\n"
               "Bob,,,777\r\n"
               "Zed,,,1\r\n");
+    EXPECT_EQ(file("var/run/csv_export_file_location_file"), exported + "\n");
+    EXPECT_NE(file("calls.log").find("create_address_book_tar"), std::string::npos);
 }
 
-TEST_F(DaemonAddressBook, CsvUploadWithABadLineImportsNothing) {
-    start("", "");
-    write_file(dir / "var/run/csv_frmt.dat", "1\n2\n4\n3\n");
-    write_file(dir / "var/run/AddressBook.csv", "Ann,Lee,d,555\nBob,Lee,d,\n");
+TEST_F(DaemonAddressBook, CsvUploadWithABadLineOrNoFormatImportsNothing) {
+    start();
+    write_file(path("var/run/csv_frmt.dat"), "1\n2\n4\n3\n");
+    write_file(path("var/run/AddressBook.csv"), "Ann,Lee,d,555\nBob,Lee,d,\n");
     EXPECT_EQ(ask("CSVFILE"), "");
     EXPECT_EQ(ask("get-sms total-entries phone_book^|^"), "0");
-    EXPECT_TRUE(exists(dir / "var/tmp/csv_empty_err"));
-    EXPECT_EQ(read_file(dir / "var/run/AddressBook.csv"), "");
+    EXPECT_TRUE(exists(path("var/tmp/csv_empty_err")));
+    EXPECT_EQ(file("var/run/AddressBook.csv"), "");
+
+    // An empty column format is used up as well.
+    write_file(path("var/run/csv_frmt.dat"), "");
+    EXPECT_EQ(ask("CSVFILE"), "");
+    EXPECT_FALSE(exists(path("var/run/csv_frmt.dat")));
 }
+
+}  // namespace
+}  // namespace smsgw::test

@@ -1,57 +1,28 @@
 // The management commands through the real daemon's web-interface socket:
 // replies, the response file and the files each command family leaves.
-#include <gtest/gtest.h>
 #include <sys/ipc.h>
 #include <sys/shm.h>
 
-#include <memory>
 #include <string>
 
 #include "support/test_support.h"
 
-using namespace smsgw::test;
-
+namespace smsgw::test {
 namespace {
 
-std::string rec(const std::string& text) {
-    return std::to_string(text.size()) + text;
-}
-
-class DaemonCommands : public ::testing::Test {
+class DaemonCommands : public DaemonFixture {
   protected:
-    void start(const std::string& address_book = "", const std::string& groups = "") {
-        prepare_root(dir.path());
-        write_file(dir / "var/config/international_dialing", "int-dialing=enable\nmax-digits=13\n");
-        if (!address_book.empty()) write_file(dir / "var/AddressBook/Address_Book", address_book);
-        if (!groups.empty()) write_file(dir / "var/AddressBook/groups", groups);
-        daemon = std::make_unique<Daemon>(dir.path(), offset);
-        ASSERT_TRUE(daemon->wait_ready()) << daemon->stderr_text();
+    void start_with(const std::string& address_book = "", const std::string& groups = "",
+                    bool wait_txrx = true) {
+        write_file(path("var/config/international_dialing"), "int-dialing=enable\nmax-digits=13\n");
+        if (!address_book.empty()) seed_contacts(address_book, groups);
+        start({}, wait_txrx);
     }
-    ~DaemonCommands() override {
-        daemon.reset();
-        int id = ::shmget(static_cast<key_t>(16384 + offset), 0, 0);
-        if (id >= 0) ::shmctl(id, IPC_RMID, nullptr);
-    }
-    std::string ask(const std::string& text) {
-        auto reply = client.request(20205 + offset, text);
-        EXPECT_TRUE(reply.has_value()) << "no reply to " << text;
-        std::string r = reply.value_or("<none>");
-        // Replies are C strings.
-        return r.substr(0, r.find('\0'));
-    }
-    std::string rf() const { return dir / "var/run/RESPONSE_FILE"; }
-    std::string file(const std::string& rel) { return read_file(dir / rel); }
-
-    TempDir dir;
-    int offset = random_port_offset();
-    std::unique_ptr<Daemon> daemon;
-    UdpClient client;
+    std::string rf() const { return path("var/run/RESPONSE_FILE"); }
 };
 
-}  // namespace
-
 TEST_F(DaemonCommands, PhoneBookFamily) {
-    start("Ann^|^555^|^desk^|^1,^|^\n", "Team\n");
+    start_with("Ann^|^555^|^desk^|^1,^|^\n", "Team\n");
     EXPECT_EQ(ask("get-sms total-entries phone_book^|^"), "1");
     EXPECT_EQ(ask("add-sms phone_book Bob^|^777^|^^|^Team^|^"), "SUCCESS");
     EXPECT_EQ(ask("add-sms phone_book bob^|^777^|^x^|^"), "ERROR:Rejected - Duplicate Entry");
@@ -70,7 +41,7 @@ TEST_F(DaemonCommands, PhoneBookFamily) {
 }
 
 TEST_F(DaemonCommands, GroupFamily) {
-    start("Ann^|^555^|^^|^^|^\n");
+    start_with("Ann^|^555^|^^|^^|^\n");
     EXPECT_EQ(ask("add-sms groups Crew^|^Ann^|^555^|^[null]^|^"), "SUCCESS");
     EXPECT_EQ(ask("get-sms total-entries groups^|^"), "1");
     EXPECT_EQ(ask("get-sms groups 1^|^"), rf());
@@ -85,12 +56,12 @@ TEST_F(DaemonCommands, GroupFamily) {
 }
 
 TEST_F(DaemonCommands, RuleListFamily) {
-    start("Ann^|^555^|^^|^^|^\n");
+    start_with("Ann^|^555^|^^|^^|^\n");
     std::string rest = "Fire^|^Go^|^[null]]|[^|^YES^|^Ann]|[555]|[^|^";
     EXPECT_EQ(ask("add-sms trigger sms " + rest), "SUCCESS");
     EXPECT_EQ(ask("add-sms trigger sms FIRE^|^x^|^"), "ERROR:Broadcast Trigger Already Exists.");
     EXPECT_EQ(ask("get-sms total-entries trigger^|^sms^|^"), "1");
-    EXPECT_EQ(ask("get-sms trigger sms^|^"), dir / "var/config/trigger_broadcast");
+    EXPECT_EQ(ask("get-sms trigger sms^|^"), path("var/config/trigger_broadcast"));
     EXPECT_EQ(file("var/config/trigger_broadcast"), rec("^|^" + rest));
     EXPECT_EQ(ask("add-sms trigger auth-list Ann^|^555^|^"), "SUCCESS");
     EXPECT_EQ(file("var/config/authenticate_list"), rec("^|^Ann^|^555^|^"));
@@ -108,12 +79,12 @@ TEST_F(DaemonCommands, RuleListFamily) {
 }
 
 TEST_F(DaemonCommands, SettingsFamily) {
-    UdpListener txrx(20202 + offset);
-    UdpListener http(30303 + offset);
+    UdpListener txrx(20202 + offset_);
+    UdpListener http(30303 + offset_);
     ASSERT_TRUE(txrx.ok());
     ASSERT_TRUE(http.ok());
-    start();
-    int id = ::shmget(static_cast<key_t>(16384 + offset), 4, 0);
+    start_with("", "", false);  // the test plays txrx
+    int id = ::shmget(static_cast<key_t>(16384 + offset_), 4, 0);
     ASSERT_GE(id, 0);
     void* word = ::shmat(id, nullptr, SHM_RDONLY);
     ASSERT_NE(word, reinterpret_cast<void*>(-1));
@@ -148,3 +119,6 @@ TEST_F(DaemonCommands, SettingsFamily) {
     EXPECT_TRUE(
         wait_for([&] { return file("calls.log").find("http-client") != std::string::npos; }));
 }
+
+}  // namespace
+}  // namespace smsgw::test

@@ -6,6 +6,8 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/ipc.h>
+#include <sys/shm.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -55,13 +57,24 @@ sockaddr_in loopback(int port) {
     return a;
 }
 
-std::optional<std::string> receive_on(int fd, std::chrono::milliseconds deadline) {
+std::optional<std::string> receive_on(int fd, std::chrono::milliseconds deadline,
+                                      sockaddr_in* from = nullptr) {
     pollfd p{fd, POLLIN, 0};
     if (::poll(&p, 1, static_cast<int>(deadline.count())) <= 0) return std::nullopt;
     char buf[70000];
-    ssize_t n = ::recv(fd, buf, sizeof buf, 0);
+    sockaddr_in peer{};
+    socklen_t len = sizeof peer;
+    ssize_t n = ::recvfrom(fd, buf, sizeof buf, 0, reinterpret_cast<sockaddr*>(&peer), &len);
     if (n < 0) return std::nullopt;
+    if (from) *from = peer;
     return std::string(buf, static_cast<size_t>(n));
+}
+
+std::vector<char*> c_argv(std::vector<std::string>& argv) {
+    std::vector<char*> out;
+    for (auto& a : argv) out.push_back(a.data());
+    out.push_back(nullptr);
+    return out;
 }
 
 // True once a process has released what it held (its ports above all):
@@ -158,6 +171,63 @@ int random_port_offset() {
     return offset;
 }
 
+std::string rec(const std::string& text) {
+    return std::to_string(text.size()) + text;
+}
+
+std::string sms_record(const std::string& sender, const std::string& text) {
+    std::string field = sender.substr(0, 50);
+    field.resize(50, '\0');
+    return field + text;
+}
+
+size_t count_of(const std::string& text, const std::string& what) {
+    size_t n = 0;
+    for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++n;
+    return n;
+}
+
+std::string i32_bytes(int32_t v) {
+    return std::string(reinterpret_cast<const char*>(&v), 4);
+}
+
+int32_t i32_at(const std::string& bytes, size_t offset) {
+    int32_t v = 0;
+    if (offset + 4 <= bytes.size()) std::memcpy(&v, bytes.data() + offset, 4);
+    return v;
+}
+
+int16_t i16_at(const std::string& bytes, size_t offset) {
+    int16_t v = 0;
+    if (offset + 2 <= bytes.size()) std::memcpy(&v, bytes.data() + offset, 2);
+    return v;
+}
+
+std::string api_stat_image(std::initializer_list<int32_t> ids, int16_t status) {
+    std::string image(4, '\0');
+    for (int32_t id : ids) {
+        std::string record = i32_bytes(id);
+        record.append(reinterpret_cast<const char*>(&status), 2);
+        record.resize(60, '\0');
+        image += record;
+    }
+    return image;
+}
+
+int api_status_of(const std::string& image, int32_t id) {
+    for (size_t off = 4; off + 60 <= image.size(); off += 60)
+        if (i32_at(image, off) == id) return i16_at(image, off + 4);
+    return -1;
+}
+
+std::vector<std::string> lines_starting(const std::string& text, const std::string& prefix) {
+    std::vector<std::string> out;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);)
+        if (line.rfind(prefix, 0) == 0) out.push_back(line);
+    return out;
+}
+
 void write_file(const std::string& path, const std::string& content) {
     size_t slash = path.rfind('/');
     if (slash != std::string::npos) mkdirs(path.substr(0, slash));
@@ -229,9 +299,7 @@ Daemon::Daemon(std::string root, int port_offset, std::vector<std::string> extra
             ::dup2(err, 2);
             ::dup2(err, 1);
         }
-        std::vector<char*> args;
-        for (auto& a : argv) args.push_back(a.data());
-        args.push_back(nullptr);
+        std::vector<char*> args = c_argv(argv);
         ::execvp(args[0], args.data());
         ::_exit(127);
     }
@@ -329,7 +397,116 @@ UdpListener::~UdpListener() {
 
 std::optional<std::string> UdpListener::receive(std::chrono::milliseconds deadline) {
     if (fd_ < 0) return std::nullopt;
-    return receive_on(fd_, deadline);
+    return receive_on(fd_, deadline, &peer_);
+}
+
+void UdpListener::reply(const std::string& data) {
+    ::sendto(fd_, data.data(), data.size(), 0, reinterpret_cast<sockaddr*>(&peer_), sizeof peer_);
+}
+
+Child::Child(std::vector<std::string> argv, const std::string& out_path,
+             const std::string& err_path, const std::vector<std::string>& env) {
+    pid_ = ::fork();
+    if (pid_ != 0) return;
+    int out = ::open(out_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    int err = err_path.empty() ? out : ::open(err_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    ::dup2(out, 1);
+    ::dup2(err, 2);
+    for (const auto& e : env) {
+        size_t eq = e.find('=');
+        ::setenv(e.substr(0, eq).c_str(), e.substr(eq + 1).c_str(), 1);
+    }
+    std::vector<char*> args = c_argv(argv);
+    ::execvp(args[0], args.data());
+    ::_exit(127);
+}
+
+Child::~Child() {
+    if (pid_ <= 0) return;
+    ::kill(pid_, SIGKILL);
+    ::waitpid(pid_, nullptr, 0);
+}
+
+int Child::finish(std::chrono::milliseconds deadline) {
+    int status = 0;
+    if (pid_ <= 0 || !wait_for([&] { return ::waitpid(pid_, &status, WNOHANG) == pid_; }, deadline))
+        return -1;
+    pid_ = -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+DaemonFixture::DaemonFixture() {
+    prepare_root(root_.path());
+}
+
+DaemonFixture::~DaemonFixture() {
+    daemon_.reset();
+    // The dialing word outlives a killed daemon.
+    int id = ::shmget(static_cast<key_t>(16384 + offset_), 0, 0);
+    if (id >= 0) ::shmctl(id, IPC_RMID, nullptr);
+    for (const auto& name : env_set_) ::unsetenv(name.c_str());
+}
+
+void DaemonFixture::start(std::vector<std::string> extra_args, bool wait_txrx) {
+    daemon_ = std::make_unique<Daemon>(root_.path(), offset_, std::move(extra_args));
+    ASSERT_TRUE(daemon_->wait_ready()) << daemon_->stderr_text();
+    if (!wait_txrx) return;
+    ++starts_;
+    ASSERT_TRUE(wait_for([&] { return sim_lines("START ").size() >= starts_; },
+                         std::chrono::milliseconds(10000)))
+        << daemon_->stderr_text();
+}
+
+void DaemonFixture::seed_contacts(const std::string& address_book, const std::string& groups) {
+    write_file(path("var/AddressBook/Address_Book"), address_book);
+    if (!groups.empty()) write_file(path("var/AddressBook/groups"), groups);
+}
+
+void DaemonFixture::set_env(const std::string& name, const std::string& value) {
+    ::setenv(name.c_str(), value.c_str(), 1);
+    env_set_.push_back(name);
+}
+
+std::string DaemonFixture::file(const std::string& rel) const {
+    return read_file(path(rel));
+}
+
+bool DaemonFixture::wait_file(const std::string& rel, const std::string& content,
+                              std::chrono::milliseconds deadline) const {
+    return wait_for([&] { return file(rel) == content; }, deadline);
+}
+
+std::string DaemonFixture::spool_file(const std::string& name, const std::string& bytes) const {
+    write_file(path("tmp/" + name), bytes);
+    return path("tmp/" + name);
+}
+
+std::optional<std::string> DaemonFixture::request(const std::string& text) {
+    return client_.request(20205 + offset_, text);
+}
+
+std::string DaemonFixture::ask(const std::string& text) {
+    return request(text).value_or("<no reply>");
+}
+
+void DaemonFixture::report(const std::string& datagram) {
+    client_.send_to(20206 + offset_, datagram);
+}
+
+void DaemonFixture::incoming(const std::string& sender, const std::string& text) {
+    report("SMS:" + sms_record(sender, text));
+}
+
+void DaemonFixture::settle() {
+    EXPECT_TRUE(request("get-sms total-entries groups^|^").has_value());
+}
+
+std::vector<std::string> DaemonFixture::sim_lines(const std::string& prefix) const {
+    return lines_starting(file("var/run/txrx-sim.log"), prefix);
+}
+
+bool DaemonFixture::wait_jobs(size_t n, std::chrono::milliseconds deadline) const {
+    return wait_for([&] { return jobs().size() >= n; }, deadline);
 }
 
 PtyModem::PtyModem(std::string answer) : answer_(std::move(answer)) {

@@ -2,11 +2,16 @@
 // offset, the real daemon started on them, and a web-interface client.
 #pragma once
 
+#include <gtest/gtest.h>
+#include <netinet/in.h>
 #include <sys/types.h>
 
 #include <atomic>
 #include <chrono>
+#include <cstdint>
 #include <functional>
+#include <initializer_list>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -56,6 +61,24 @@ TxrxLaunch txrx_child_launch();
 
 // A port offset unlikely to collide with other tests running at once.
 int random_port_offset();
+
+// A rule-list record: the text behind its decimal length.
+std::string rec(const std::string& text);
+// An incoming SMS record as txrx reports it: sender char[50], then the text.
+std::string sms_record(const std::string& sender, const std::string& text);
+// How often `what` occurs in `text` (overlaps counted).
+size_t count_of(const std::string& text, const std::string& what);
+// Host-order integers in byte images; reads past the end give 0.
+std::string i32_bytes(int32_t v);
+int32_t i32_at(const std::string& bytes, size_t offset);
+int16_t i16_at(const std::string& bytes, size_t offset);
+// An api_stat.st image: the 4-byte header and one 60-byte record per id,
+// each with the given status.
+std::string api_stat_image(std::initializer_list<int32_t> ids, int16_t status = 1);
+// The status of the record for `id` in such an image, -1 when there is none.
+int api_status_of(const std::string& image, int32_t id);
+// The lines of a text that begin with `prefix`.
+std::vector<std::string> lines_starting(const std::string& text, const std::string& prefix);
 
 // Writes a file (creating its directories).
 void write_file(const std::string& path, const std::string& content);
@@ -129,9 +152,87 @@ class UdpListener {
     bool ok() const { return fd_ >= 0; }
     std::optional<std::string> receive(
         std::chrono::milliseconds deadline = std::chrono::milliseconds(3000));
+    // Answers the sender of the last datagram received.
+    void reply(const std::string& data);
 
   private:
     int fd_ = -1;
+    sockaddr_in peer_{};
+};
+
+// A program started in the background, its standard output and error
+// going to files (both to out_path when err_path is empty), with extra
+// "NAME=value" environment entries. Killed and reaped if still running at
+// the end.
+class Child {
+  public:
+    Child(std::vector<std::string> argv, const std::string& out_path,
+          const std::string& err_path = "", const std::vector<std::string>& env = {});
+    ~Child();
+    Child(const Child&) = delete;
+    Child& operator=(const Child&) = delete;
+    // Waits for the end: the exit status, or -1 when the program did not
+    // exit normally within the deadline (it is killed then).
+    int finish(std::chrono::milliseconds deadline = std::chrono::milliseconds(15000));
+
+  private:
+    pid_t pid_ = -1;
+};
+
+// The real daemon in a prepared sandbox root: a gtest fixture with the web
+// client and the files and logs the integration tests look at.
+class DaemonFixture : public ::testing::Test {
+  protected:
+    DaemonFixture();
+    ~DaemonFixture() override;
+
+    // Starts the daemon (again after stop()), waits until it answers and
+    // until this start's txrx-sim has logged that it listens: a job handed
+    // over before that would be lost (unless the test holds txrx's port).
+    void start(std::vector<std::string> extra_args = {}, bool wait_txrx = true);
+    // SIGKILL to the daemon and the children started for its root.
+    void stop() { daemon_.reset(); }
+    // Contacts and groups in the files the daemon loads at start-up.
+    void seed_contacts(const std::string& address_book, const std::string& groups = "");
+    // Sets an environment variable inherited by the daemons started later
+    // (and txrx-sim through them) until the test ends.
+    void set_env(const std::string& name, const std::string& value);
+
+    std::string path(const std::string& rel) const { return root_ / rel; }
+    std::string file(const std::string& rel) const;
+    // Waits until the file under the root holds exactly `content`.
+    bool wait_file(const std::string& rel, const std::string& content,
+                   std::chrono::milliseconds deadline = std::chrono::milliseconds(10000)) const;
+    // Writes DIR/tmp/name (a spool directory by default), returns its path.
+    std::string spool_file(const std::string& name, const std::string& bytes) const;
+
+    // A web-interface request and its reply (nullopt when none came).
+    std::optional<std::string> request(const std::string& text);
+    // The same, "<no reply>" when none came.
+    std::string ask(const std::string& text);
+    // A datagram to the report port txrx sends to, and an incoming SMS.
+    void report(const std::string& datagram);
+    void incoming(const std::string& sender, const std::string& text);
+    // A report is read before a web request that follows it: once a probe
+    // is answered, every earlier report has been handled.
+    void settle();
+
+    // txrx-sim's log lines that begin with prefix, and its JOB lines.
+    std::vector<std::string> sim_lines(const std::string& prefix) const;
+    std::vector<std::string> jobs() const { return sim_lines("JOB "); }
+    bool wait_jobs(size_t n,
+                   std::chrono::milliseconds deadline = std::chrono::milliseconds(10000)) const;
+    // The daemon's standard error (its system log lines among it).
+    std::string daemon_log() const { return daemon_ ? daemon_->stderr_text() : ""; }
+
+    TempDir root_;
+    int offset_ = random_port_offset();
+    std::unique_ptr<Daemon> daemon_;
+    UdpClient client_;
+
+  private:
+    size_t starts_ = 0;
+    std::vector<std::string> env_set_;
 };
 
 // A simulated modem on a pseudo-terminal: a thread answers the first command

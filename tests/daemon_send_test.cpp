@@ -1,136 +1,96 @@
 // The real smsgwd sending: a direct request becomes one job with each
-// recipient once; requests made while a job is outstanding are queued and
-// handed over one at a time in order, also across a kill -9 and restart.
-#include <gtest/gtest.h>
+// recipient once; requests made while a job is outstanding are queued,
+// counted and handed over one at a time in order, also across a kill -9
+// and restart.
+#include <signal.h>
 
-#include <chrono>
-#include <cstdlib>
-#include <memory>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "send/sender.h"
 #include "support/test_support.h"
 
-namespace smsgw {
+namespace smsgw::test {
 namespace {
 
-using namespace std::chrono_literals;
-using test::TempDir;
-
-const std::string kProbe = "get-sms total-entries groups^|^";
-
-class DaemonSend : public ::testing::Test {
+class DaemonSend : public DaemonFixture {
   protected:
-    void SetUp() override {
-        test::prepare_root(root_.path());
-        test::write_file(root_ / "var/AddressBook/groups", "Friends\n");
-        test::write_file(root_ / "var/AddressBook/Address_Book",
-                         "Alice^|^111^|^^|^^|^\n"
-                         "Alice^|^222^|^^|^^|^\n"
-                         "Bob^|^333^|^^|^1,^|^\n"
-                         "Carl^|^111^|^^|^1,^|^\n"
-                         "Dora^|^444^|^^|^1,^|^\n");
+    DaemonSend() {
+        seed_contacts(
+            "Alice^|^111^|^^|^^|^\nAlice^|^222^|^^|^^|^\nBob^|^333^|^^|^1,^|^\n"
+            "Carl^|^111^|^^|^1,^|^\nDora^|^444^|^^|^1,^|^\n",
+            "Friends\n");
     }
-    void TearDown() override {
-        daemon_.reset();
-        ::unsetenv("SMSGW_SIM_SILENT");
-    }
-    void start() {
-        daemon_ = std::make_unique<test::Daemon>(root_.path(), offset_);
-        ASSERT_TRUE(daemon_->wait_ready()) << daemon_->stderr_text();
-        // A job handed over before txrx listens would be lost: wait until
-        // this start's txrx has logged that it is up.
-        ++starts_;
-        ASSERT_TRUE(test::wait_for([&] { return count_lines("START ") >= starts_; }, 10s));
-    }
-    size_t count_lines(const std::string& prefix) const {
-        std::istringstream log(test::read_file(root_ / "var/run/txrx-sim.log"));
-        size_t n = 0;
-        for (std::string line; std::getline(log, line);) n += line.rfind(prefix, 0) == 0;
-        return n;
-    }
-    std::string request_file(const std::string& name, const std::string& numbers,
-                             const std::string& names = "", const std::string& groups = "") {
-        std::string p = root_ / ("tmp/" + name);
-        test::write_file(p, build_request_file("admin", "hello " + name, numbers, names, groups));
-        return p;
-    }
-    std::optional<std::string> send(const std::string& file) {
-        return client_.request(20205 + offset_, "send-sms " + file);
+    std::string send(const std::string& name, const std::string& numbers,
+                     const std::string& names = "", const std::string& groups = "") {
+        return ask("send-sms " + spool_file(name, build_request_file("admin", "text " + name,
+                                                                     numbers, names, groups)));
     }
     // The recipient lists of the jobs txrx-sim has logged, in order.
-    std::vector<std::string> jobs() const {
+    std::vector<std::string> recipients() const {
         std::vector<std::string> out;
-        std::istringstream log(test::read_file(root_ / "var/run/txrx-sim.log"));
-        for (std::string line; std::getline(log, line);) {
-            if (line.rfind("JOB ", 0) != 0) continue;
-            size_t to = line.find(" to=");
-            out.push_back(to == std::string::npos ? "" : line.substr(to + 4));
-        }
+        for (const auto& line : jobs()) out.push_back(line.substr(line.find(" to=") + 4));
         return out;
     }
     // What txrx says when a job is done; the probe wakes the loop so the
     // next queued job moves without waiting for its idle timeout.
-    void report_done() {
-        client_.send_to(20206 + offset_, "P_JB");
-        client_.request(20205 + offset_, kProbe, 500ms);
+    void report_done(const std::string& datagram = "P_JB") {
+        report(datagram);
+        settle();
     }
-    bool wait_jobs(size_t n) {
-        return test::wait_for([&] { return jobs().size() >= n; }, 10s);
-    }
-
-    TempDir root_;
-    int offset_ = test::random_port_offset();
-    std::unique_ptr<test::Daemon> daemon_;
-    test::UdpClient client_;
-    size_t starts_ = 0;
+    std::string job_stats() const { return file("var/config/job_stats_file"); }
 };
 
 TEST_F(DaemonSend, DirectSendIsOneJobWithEachRecipientOnce) {
     start();
-    std::string file =
-        request_file("direct", "555^|^111^|^", "0^|^alice^|^777^|^Someone^|^", "Friends^|^");
-    EXPECT_EQ(send(file), "");  // handed over at once
-    ASSERT_TRUE(wait_jobs(1)) << daemon_->stderr_text();
-    EXPECT_EQ(jobs(), std::vector<std::string>{"111,222,333,444,555,777"});
-    EXPECT_FALSE(test::exists(file));
+    EXPECT_EQ(send("direct", "555^|^111^|^", "0^|^alice^|^777^|^Someone^|^", "Friends^|^"), "");
+    ASSERT_TRUE(wait_jobs(1)) << daemon_log();
+    EXPECT_EQ(recipients(), std::vector<std::string>{"111,222,333,444,555,777"});
+    EXPECT_NE(jobs()[0].find(" api=0 text=text direct to="), std::string::npos) << jobs()[0];
+    EXPECT_FALSE(exists(path("tmp/direct")));
 }
 
-TEST_F(DaemonSend, RequestsWhileAJobIsOutstandingAreQueuedAndSentInOrder) {
-    ::setenv("SMSGW_SIM_SILENT", "1", 1);  // only the test reports jobs done
+TEST_F(DaemonSend, RequestsWhileAJobIsOutstandingAreQueuedCountedAndSentInOrder) {
+    set_env("SMSGW_SIM_SILENT", "1");  // only the test reports jobs done
     start();
-    EXPECT_EQ(send(request_file("a", "1001^|^")), "");
+    EXPECT_EQ(send("a", "1001^|^"), "");  // handed over: an empty reply
     ASSERT_TRUE(wait_jobs(1));
-    for (const char* n : {"1002", "1003", "1004"})
-        EXPECT_EQ(send(request_file(std::string("r") + n, std::string(n) + "^|^")), "OK");
-    EXPECT_EQ(jobs().size(), 1u);  // nothing moves while the job is outstanding
+    EXPECT_EQ(job_stats(), "0\n0\n1");
+    for (const char* n : {"1002", "1003"}) EXPECT_EQ(send(n, std::string(n) + "^|^"), "OK");
+    EXPECT_EQ(job_stats(), "2\n0\n1");  // each queued request counted
+    EXPECT_EQ(jobs().size(), 1u);       // nothing moves while the job is outstanding
 
+    // SIGUSR2 resets the counter: the next queued request counts from 0.
+    ::kill(daemon_->pid(), SIGUSR2);
+    settle();
+    EXPECT_EQ(send("1004", "1004^|^"), "OK");
+    EXPECT_EQ(job_stats(), "1\n0\n1");
+
+    // The report may carry more after its tag.
     for (size_t done = 1; done < 4; ++done) {
-        report_done();
-        ASSERT_TRUE(wait_jobs(done + 1)) << daemon_->stderr_text();
+        report_done(done == 1 ? "P_JB and anything after" : "P_JB");
+        ASSERT_TRUE(wait_jobs(done + 1)) << daemon_log();
     }
-    EXPECT_EQ(jobs(), (std::vector<std::string>{"1001", "1002", "1003", "1004"}));
+    EXPECT_EQ(recipients(), (std::vector<std::string>{"1001", "1002", "1003", "1004"}));
 }
 
 TEST_F(DaemonSend, QueueSurvivesAKillAndRestart) {
-    ::setenv("SMSGW_SIM_SILENT", "1", 1);
+    set_env("SMSGW_SIM_SILENT", "1");
     start();
-    EXPECT_EQ(send(request_file("a", "2001^|^")), "");
+    EXPECT_EQ(send("a", "2001^|^"), "");
     ASSERT_TRUE(wait_jobs(1));
-    EXPECT_EQ(send(request_file("b", "2002^|^")), "OK");
-    EXPECT_EQ(send(request_file("c", "2003^|^")), "OK");
+    EXPECT_EQ(send("b", "2002^|^"), "OK");
+    EXPECT_EQ(send("c", "2003^|^"), "OK");
 
-    daemon_.reset();  // SIGKILL, reaped, its txrx children ended
+    stop();  // SIGKILL, reaped, its txrx children ended
     start();
     // The restarted daemon has no job outstanding: the first queued job goes
     // out on its own, the next after the report.
-    ASSERT_TRUE(wait_jobs(2)) << daemon_->stderr_text();
+    ASSERT_TRUE(wait_jobs(2)) << daemon_log();
     report_done();
-    ASSERT_TRUE(wait_jobs(3)) << daemon_->stderr_text();
-    EXPECT_EQ(jobs(), (std::vector<std::string>{"2001", "2002", "2003"}));
+    ASSERT_TRUE(wait_jobs(3)) << daemon_log();
+    EXPECT_EQ(recipients(), (std::vector<std::string>{"2001", "2002", "2003"}));
 }
 
 }  // namespace
-}  // namespace smsgw
+}  // namespace smsgw::test

@@ -26,6 +26,7 @@
 #include <string_view>
 #include <vector>
 
+#include "addressbook/compact_text.h"
 #include "common/text.h"
 
 namespace smsgw {
@@ -37,16 +38,18 @@ namespace smsgw {
     static void* operator new(std::size_t size); \
     static void operator delete(void* p, std::size_t size) noexcept
 
+// Texts are CompactText rather than std::string: they read the same, and
+// an entry takes 56 bytes instead of 104 (a node 40 instead of 56).
 struct Entry {
-    std::string name;  // as supplied when inserted (letter case kept)
-    std::string number;
-    std::string description;      // may hold line breaks
+    CompactText name;  // as supplied when inserted (letter case kept)
+    CompactText number;
+    CompactText description;      // may hold line breaks
     std::unique_ptr<Entry> next;  // next entry of the same name, by number
     SMSGW_POOLED;
 };
 
 struct TrieNode {
-    std::string label;
+    CompactText label;
     std::unique_ptr<Entry> entries;  // none for an inner node
     std::unique_ptr<TrieNode> sibling;
     std::unique_ptr<TrieNode> child;

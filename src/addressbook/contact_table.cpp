@@ -113,9 +113,12 @@ TrieNode* AddressBook::ab_insert(std::string_view name, std::string_view number,
             *link = make_leaf(rest, make_entry(name, number, description));
             return stored(link->get());
         }
-        size_t k = common_prefix(rest, node->label);
-        if (k == 0) {
-            if (!node->label.empty() && lower_byte(rest[0]) < lower_byte(node->label[0])) {
+        // Most nodes of a walk are passed, or inserted before, on their
+        // first byte alone (a chain is ordered by it).
+        int first = lower_byte(rest[0]);
+        int label_first = node->label.empty() ? -1 : lower_byte(node->label[0]);
+        if (first != label_first) {
+            if (first < label_first) {
                 auto fresh = make_leaf(rest, make_entry(name, number, description));
                 fresh->sibling = std::move(*link);
                 *link = std::move(fresh);
@@ -124,17 +127,17 @@ TrieNode* AddressBook::ab_insert(std::string_view name, std::string_view number,
             link = &node->sibling;
             continue;
         }
+        size_t k = common_prefix(rest, node->label);
         bool name_ends = k == rest.size();
         bool label_ends = k == node->label.size();
         if (name_ends && label_ends) return add_to_node(node, name, number, description);
         if (name_ends) {
             // The new name is a proper prefix of the label.
             auto tail = std::make_unique<TrieNode>();
-            tail->label = node->label.substr(k);
+            tail->label.assign(node->label.view().substr(k));
             tail->entries = std::move(node->entries);
             tail->child = std::move(node->child);
-            node->label.resize(k);
-            node->label.shrink_to_fit();
+            node->label.assign(node->label.view().substr(0, k));
             node->entries = make_entry(name, number, description);
             node->child = std::move(tail);
             return stored(node);
@@ -143,13 +146,12 @@ TrieNode* AddressBook::ab_insert(std::string_view name, std::string_view number,
             // The names part inside the label: old rest (A) and new rest (B)
             // become the children of a now inner node.
             auto a = std::make_unique<TrieNode>();
-            a->label = node->label.substr(k);
+            a->label.assign(node->label.view().substr(k));
             a->entries = std::move(node->entries);
             a->child = std::move(node->child);
             auto b = make_leaf(rest.substr(k), make_entry(name, number, description));
             TrieNode* holder = b.get();
-            node->label.resize(k);
-            node->label.shrink_to_fit();
+            node->label.assign(node->label.view().substr(0, k));
             if (lower_byte(rest[k]) < lower_byte(a->label[0])) {
                 b->sibling = std::move(a);
                 node->child = std::move(b);
@@ -286,7 +288,7 @@ void AddressBook::remove_node(const Place& at) {
     // Its only child takes over, its label extended by the node's label.
     std::unique_ptr<TrieNode> dead = std::move(link);
     std::unique_ptr<TrieNode> x = std::move(dead->child);
-    x->label.insert(0, dead->label);
+    x->label.assign(dead->label + x->label);
     x->sibling = std::move(dead->sibling);
     link = std::move(x);
 }

@@ -2,28 +2,19 @@
 // against a fake daemon on the web-interface port), how it shows replies and
 // response files, its exit codes, the request files it writes, the status
 // report, and a session against the real daemon.
-#include <arpa/inet.h>
 #include <dirent.h>
-#include <fcntl.h>
-#include <netinet/in.h>
-#include <poll.h>
-#include <signal.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <optional>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "common/bytes.h"
-#include "gtest/gtest.h"
 #include "send/sender.h"
 #include "support/test_support.h"
 
@@ -32,153 +23,69 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// Cross builds run target programs through an emulator named here, e.g.
-// "qemu-mips -L /usr/mips-linux-gnu".
-std::vector<std::string> emulator_prefix() {
-    std::vector<std::string> out;
-    const char* p = std::getenv("SMSGW_TEST_EXEC_PREFIX");
-    std::istringstream in(p ? p : "");
-    for (std::string w; in >> w;) out.push_back(w);
-    return out;
-}
-
 struct CtlResult {
     int status = -1;  // exit status, -1 when it did not exit normally in time
     std::string out;
     std::string err;
 };
 
-// smsgwctl started in the background, so a fake daemon can answer it.
-class Ctl {
-  public:
-    Ctl(const TempDir& dir, std::vector<std::string> args)
-        : out_(dir / "ctl.out"), err_(dir / "ctl.err") {
-        std::vector<std::string> argv = emulator_prefix();
-        argv.push_back(SMSGWCTL_PATH);
+// smsgwctl on the sandbox root and port offset.
+class CtlFixture : public DaemonFixture {
+  protected:
+    // Started in the background, so a fake daemon can answer it.
+    std::unique_ptr<Child> spawn(const std::vector<std::string>& args, bool json = false) {
+        std::vector<std::string> argv = exec_prefix();
+        argv.insert(argv.end(), {SMSGWCTL_PATH, "--root", root_.path(), "--port-offset",
+                                 std::to_string(offset_)});
+        if (json) argv.push_back("--json");
         argv.insert(argv.end(), args.begin(), args.end());
-        pid_ = ::fork();
-        if (pid_ == 0) {
-            int o = ::open(out_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-            int e = ::open(err_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-            ::dup2(o, 1);
-            ::dup2(e, 2);
-            std::vector<char*> a;
-            for (auto& s : argv) a.push_back(s.data());
-            a.push_back(nullptr);
-            ::execvp(a[0], a.data());
-            ::_exit(127);
-        }
+        return std::make_unique<Child>(argv, path("ctl.out"), path("ctl.err"));
     }
-    ~Ctl() {
-        if (pid_ > 0) {
-            ::kill(pid_, SIGKILL);
-            ::waitpid(pid_, nullptr, 0);
-        }
+    CtlResult finish(Child& ctl) {
+        int status = ctl.finish();
+        return {status, file("ctl.out"), file("ctl.err")};
     }
-
-    CtlResult finish(std::chrono::milliseconds deadline = 15000ms) {
-        CtlResult r;
-        int st = 0;
-        bool done = wait_for([&] { return ::waitpid(pid_, &st, WNOHANG) == pid_; }, deadline);
-        if (done) {
-            pid_ = -1;
-            if (WIFEXITED(st)) r.status = WEXITSTATUS(st);
-        }
-        r.out = read_file(out_);
-        r.err = read_file(err_);
-        return r;
+    CtlResult ctl(const std::vector<std::string>& args, bool json = false) {
+        return finish(*spawn(args, json));
     }
-
-  private:
-    std::string out_, err_;
-    pid_t pid_ = -1;
 };
 
 // The web-interface port without a daemon behind it: records the framed
 // request and answers with a scripted reply.
-class FakeDaemon {
-  public:
-    explicit FakeDaemon(int offset) : port_(20205 + offset) {
-        fd_ = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-        sockaddr_in a{};
-        a.sin_family = AF_INET;
-        a.sin_port = htons(static_cast<uint16_t>(port_));
-        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        ok_ = ::bind(fd_, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0;
+class CtlTest : public CtlFixture {
+  protected:
+    void SetUp() override {
+        // Retry on a port clash with a test running at the same time.
+        for (int i = 0; i < 20 && !(fake_ && fake_->ok()); ++i) {
+            offset_ = random_port_offset();
+            fake_.emplace(20205 + offset_);
+        }
+        ASSERT_TRUE(fake_->ok());
     }
-    ~FakeDaemon() { ::close(fd_); }
-    bool ok() const { return ok_; }
-
     // The request text, after checking that the length datagram matches it.
     std::optional<std::string> take() {
-        auto len = receive();
-        auto text = receive();
+        auto len = fake_->receive(10s);
+        auto text = fake_->receive(10s);
         if (!len || !text) return std::nullopt;
         EXPECT_EQ(*len, std::to_string(text->size())) << "length datagram of " << *text;
         return text;
     }
-    void reply(const std::string& text) {
-        ::sendto(fd_, text.data(), text.size(), 0, reinterpret_cast<sockaddr*>(&peer_),
-                 sizeof peer_);
-    }
-
-  private:
-    std::optional<std::string> receive() {
-        pollfd p{fd_, POLLIN, 0};
-        if (::poll(&p, 1, 10000) <= 0) return std::nullopt;
-        char buf[70000];
-        socklen_t len = sizeof peer_;
-        ssize_t n = ::recvfrom(fd_, buf, sizeof buf, 0, reinterpret_cast<sockaddr*>(&peer_), &len);
-        if (n < 0) return std::nullopt;
-        return std::string(buf, static_cast<size_t>(n));
-    }
-
-    int port_;
-    int fd_ = -1;
-    bool ok_ = false;
-    sockaddr_in peer_{};
-};
-
-class CtlTest : public ::testing::Test {
-  protected:
-    void SetUp() override {
-        prepare_root(dir_.path());
-        // Retry on a port clash with a test running at the same time.
-        for (int i = 0; i < 20 && !(fake_ && fake_->ok()); ++i) {
-            offset_ = random_port_offset();
-            fake_.emplace(offset_);
-        }
-        ASSERT_TRUE(fake_->ok());
-    }
-
-    std::vector<std::string> base(bool json = false) const {
-        std::vector<std::string> a = {"--root", dir_.path(), "--port-offset",
-                                      std::to_string(offset_)};
-        if (json) a.push_back("--json");
-        return a;
-    }
-
     // Runs smsgwctl with the arguments; the fake daemon answers `reply`
     // after optionally writing the response file. The request text it
     // received is stored in `sent`.
     CtlResult exchange(const std::vector<std::string>& args, const std::string& reply,
                        const std::optional<std::string>& response_file = std::nullopt,
                        bool json = false) {
-        std::vector<std::string> a = base(json);
-        a.insert(a.end(), args.begin(), args.end());
-        Ctl ctl(dir_, a);
-        auto text = fake_->take();
+        auto child = spawn(args, json);
+        auto text = take();
         sent = text.value_or("<nothing received>");
-        if (response_file) write_file(dir_ / "var/run/RESPONSE_FILE", *response_file);
+        if (response_file) write_file(response_path(), *response_file);
         if (text) fake_->reply(reply);
-        return ctl.finish();
+        return finish(*child);
     }
+    std::string response_path() const { return path("var/run/RESPONSE_FILE"); }
 
-    std::string response_path() const { return dir_ / "var/run/RESPONSE_FILE"; }
-
-    TempDir dir_;
-    int offset_ = 0;
-    std::optional<FakeDaemon> fake_;
+    std::optional<UdpListener> fake_;
     std::string sent;
 };
 
@@ -192,87 +99,55 @@ struct WireCase {
 };
 
 TEST_F(CtlTest, EachVerbSendsTheExactCommandText) {
+    const std::string S = "SUCCESS", I = "Invalid String to Parse";
+    // clang-format off
     const std::vector<WireCase> cases = {
         {{"raw", "get-sms total-entries groups^|^"}, "get-sms total-entries groups^|^", "3", 0},
         {{"contacts", "count"}, "get-sms total-entries phone_book^|^", "12", 0},
-        {{"contacts", "add", "Ann Lee", "+4912"},
-         "add-sms phone_book Ann Lee^|^+4912^|^^|^",
-         "SUCCESS",
-         0},
+        {{"contacts", "add", "Ann Lee", "+4912"}, "add-sms phone_book Ann Lee^|^+4912^|^^|^", S, 0},
         {{"contacts", "add", "Ann", "1", "home", "--group", "G1", "--group", "G 2"},
-         "add-sms phone_book Ann^|^1^|^home^|^G1^|^G 2^|^",
-         "SUCCESS",
-         0},
-        {{"contacts", "del", "Ann", "1"}, "del-sms phone_book Ann^|^1^|^", "SUCCESS", 0},
+         "add-sms phone_book Ann^|^1^|^home^|^G1^|^G 2^|^", S, 0},
+        {{"contacts", "del", "Ann", "1"}, "del-sms phone_book Ann^|^1^|^", S, 0},
         {{"contacts", "edit", "Ann", "1", "Bob", "2"},
-         "edit-sms phone_book Ann^|^1^|^Bob^|^2^|^^|^",
-         "SUCCESS",
-         0},
+         "edit-sms phone_book Ann^|^1^|^Bob^|^2^|^^|^", S, 0},
         {{"contacts", "edit", "Ann", "1", "Ann", "1", "new desc"},
-         "edit-sms phone_book Ann^|^1^|^Ann^|^1^|^new desc^|^",
-         "SUCCESS",
-         0},
+         "edit-sms phone_book Ann^|^1^|^Ann^|^1^|^new desc^|^", S, 0},
         {{"groups", "count"}, "get-sms total-entries groups^|^", "0", 0},
-        {{"groups", "add", "Friends"}, "add-sms groups Friends^|^[null]^|^", "SUCCESS", 0},
+        {{"groups", "add", "Friends"}, "add-sms groups Friends^|^[null]^|^", S, 0},
         {{"groups", "add", "Friends", "Ann", "1", "Bob", "2"},
-         "add-sms groups Friends^|^Ann^|^1^|^Bob^|^2^|^[null]^|^",
-         "SUCCESS",
-         0},
+         "add-sms groups Friends^|^Ann^|^1^|^Bob^|^2^|^[null]^|^", S, 0},
         // Deleting groups answers "ERROR" by design; that is the success.
         {{"groups", "del", "A", "B"}, "del-sms groups A^|^B^|^", "ERROR", 0},
         // A rename answers with the parser's default text.
-        {{"groups", "rename", "A", "B"}, "edit-sms groups A^|^B^|^", "Invalid String to Parse", 0},
-        {{"groups", "add-member", "G", "Ann", "1"},
-         "add-sms group G^|^Ann^|^1^|^",
-         "Invalid String to Parse",
-         0},
+        {{"groups", "rename", "A", "B"}, "edit-sms groups A^|^B^|^", I, 0},
+        {{"groups", "add-member", "G", "Ann", "1"}, "add-sms group G^|^Ann^|^1^|^", I, 0},
         {{"groups", "del-member", "G", "Ann", "1", "Bob", "2"},
-         "del-sms group G^|^Ann^|^1^|^Bob^|^2^|^",
-         "SUCCESS",
-         0},
+         "del-sms group G^|^Ann^|^1^|^Bob^|^2^|^", S, 0},
         {{"triggers", "add", "broadcast", "MEET", "at 5", "--group", "G1", "--group", "G2",
           "--auth", "YES", "--allow", "Ann", "1"},
-         "add-sms trigger sms MEET^|^at 5^|^G1]|[G2]|[^|^YES^|^Ann]|[1]|[^|^",
-         "SUCCESS",
-         0},
+         "add-sms trigger sms MEET^|^at 5^|^G1]|[G2]|[^|^YES^|^Ann]|[1]|[^|^", S, 0},
         {{"triggers", "add", "sms", "K", "t"},
-         "add-sms trigger sms K^|^t^|^[null]]|[^|^NO^|^[null]]|[^|^",
-         "SUCCESS",
-         0},
+         "add-sms trigger sms K^|^t^|^[null]]|[^|^NO^|^[null]]|[^|^", S, 0},
         {{"triggers", "add", "preconf", "hello"},
-         "add-sms trigger preconf_sms hello^|^[null]]|[^|^",
-         "SUCCESS",
-         0},
+         "add-sms trigger preconf_sms hello^|^[null]]|[^|^", S, 0},
         {{"triggers", "add", "ctrl", "Delete a Group", "DG", "--auth", "YES"},
-         "edit-sms trigger ctrl_data Delete a Group^|^DG^|^YES^|^",
-         "SUCCESS",
-         0},
+         "edit-sms trigger ctrl_data Delete a Group^|^DG^|^YES^|^", S, 0},
         {{"triggers", "add", "auth", "Ann", "1", "Bob", "2"},
-         "add-sms trigger auth-list Ann^|^1^|^Bob^|^2^|^",
-         "SUCCESS",
-         0},
-        {{"triggers", "del", "broadcast", "2"}, "del-sms trigger sms 2^|^", "SUCCESS", 0},
+         "add-sms trigger auth-list Ann^|^1^|^Bob^|^2^|^", S, 0},
+        {{"triggers", "del", "broadcast", "2"}, "del-sms trigger sms 2^|^", S, 0},
         {{"triggers", "del", "preconf", "1"}, "del-sms trigger preconf_sms 1^|^", "ERROR", 1},
-        {{"triggers", "del", "auth", "Ann", "1"},
-         "del-sms trigger auth-list Ann^|^1^|^",
-         "SUCCESS",
-         0},
-        {{"save"}, "save-address-book ^|^", "SUCCESS", 0},
+        {{"triggers", "del", "auth", "Ann", "1"}, "del-sms trigger auth-list Ann^|^1^|^", S, 0},
+        {{"save"}, "save-address-book ^|^", S, 0},
         {{"save"}, "save-address-book ^|^", "ERROR", 1},
         // Failure texts that do not start with "ERROR" are failures too.
-        {{"contacts", "add", "Ann", "1"},
-         "add-sms phone_book Ann^|^1^|^^|^",
-         "Duplicate Entry Exists.",
-         1},
-        {{"triggers", "add", "auth", "Ann", "1"},
-         "add-sms trigger auth-list Ann^|^1^|^",
-         "Authenticate user already exists.",
-         1},
-        {{"groups", "rename", "X", "Y"},
-         "edit-sms groups X^|^Y^|^",
-         "ERROR:Group Doesnot Exist",
-         1},
+        {{"contacts", "add", "Ann", "1"}, "add-sms phone_book Ann^|^1^|^^|^",
+         "Duplicate Entry Exists.", 1},
+        {{"triggers", "add", "auth", "Ann", "1"}, "add-sms trigger auth-list Ann^|^1^|^",
+         "Authenticate user already exists.", 1},
+        {{"groups", "rename", "X", "Y"}, "edit-sms groups X^|^Y^|^",
+         "ERROR:Group Doesnot Exist", 1},
     };
+    // clang-format on
     for (const auto& c : cases) {
         SCOPED_TRACE(c.text + " -> " + c.reply);
         CtlResult r = exchange(c.args, c.reply);
@@ -327,9 +202,7 @@ TEST_F(CtlTest, FieldsThatWouldBreakTheFramingAreRefusedLocally) {
         {},
     };
     for (const auto& args : bad) {
-        std::vector<std::string> a = base();
-        a.insert(a.end(), args.begin(), args.end());
-        CtlResult r = Ctl(dir_, a).finish();
+        CtlResult r = ctl(args);
         SCOPED_TRACE(r.err);
         EXPECT_EQ(r.status, 2);
         EXPECT_NE(r.err.find("usage:"), std::string::npos);
@@ -341,10 +214,8 @@ TEST_F(CtlTest, FieldsThatWouldBreakTheFramingAreRefusedLocally) {
 TEST_F(CtlTest, NoAnswerWithinTheTimeoutNamesThePort) {
     int port = 20205 + offset_;
     fake_.reset();  // nobody listens any more
-    std::vector<std::string> a = base();
-    a.insert(a.end(), {"--timeout", "1", "contacts", "count"});
     auto start = std::chrono::steady_clock::now();
-    CtlResult r = Ctl(dir_, a).finish();
+    CtlResult r = ctl({"--timeout", "1", "contacts", "count"});
     EXPECT_EQ(r.status, 2);
     EXPECT_NE(r.err.find("127.0.0.1:" + std::to_string(port)), std::string::npos) << r.err;
     EXPECT_GE(std::chrono::steady_clock::now() - start, 900ms);
@@ -441,11 +312,10 @@ TEST_F(CtlTest, RawPrintsTheResponseFileItNames) {
 }
 
 TEST_F(CtlTest, RuleListsAreReadFromTheFileTheDaemonNames) {
-    const std::string path = dir_ / "var/config/trigger_broadcast";
-    std::string rec1 = "^|^MEET^|^at 5^|^G1]|[G2]|[^|^YES^|^Ann]|[1]|[Bob]|[2]|[^|^";
-    std::string rec2 = "^|^K^|^t^|^[null]]|[^|^NO^|^[null]]|[^|^";
-    write_file(path, std::to_string(rec1.size()) + rec1 + std::to_string(rec2.size()) + rec2);
-    CtlResult r = exchange({"triggers", "list", "broadcast"}, path);
+    const std::string rules = path("var/config/trigger_broadcast");
+    write_file(rules, rec("^|^MEET^|^at 5^|^G1]|[G2]|[^|^YES^|^Ann]|[1]|[Bob]|[2]|[^|^") +
+                          rec("^|^K^|^t^|^[null]]|[^|^NO^|^[null]]|[^|^"));
+    CtlResult r = exchange({"triggers", "list", "broadcast"}, rules);
     EXPECT_EQ(sent, "get-sms trigger sms^|^");
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(r.out,
@@ -453,7 +323,7 @@ TEST_F(CtlTest, RuleListsAreReadFromTheFileTheDaemonNames) {
               "1      MEET     at 5  G1,G2   YES   Ann <1>,Bob <2>\n"
               "2      K        t     -       NO    -\n");
 
-    r = exchange({"triggers", "list", "broadcast"}, path, std::nullopt, true);
+    r = exchange({"triggers", "list", "broadcast"}, rules, std::nullopt, true);
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(r.out,
               "{\"list\":\"broadcast\",\"records\":["
@@ -463,8 +333,7 @@ TEST_F(CtlTest, RuleListsAreReadFromTheFileTheDaemonNames) {
               "{\"index\":2,\"keyword\":\"K\",\"text\":\"t\",\"groups\":[],\"auth\":\"NO\","
               "\"allowed\":[]}]}\n");
 
-    const std::string auth = dir_ / "var/config/authenticate_list";
-    write_file(auth, "15^|^Ann^|^+49^|^99^|^cut short");
+    write_file(path("var/config/authenticate_list"), "15^|^Ann^|^+49^|^99^|^cut short");
     r = exchange({"triggers", "list", "auth"}, "/var/config/authenticate_list");
     EXPECT_EQ(sent, "get-sms trigger auth-list^|^");
     EXPECT_EQ(r.status, 1);
@@ -492,13 +361,12 @@ TEST_F(CtlTest, SendWritesTheRequestFileTheDaemonReads) {
         {{"--all-groups", "hi"}, "__GALL__", "", "", "OK", "queued\n"},
     };
     for (const auto& c : cases) {
-        std::vector<std::string> a = base();
-        a.push_back("send");
+        std::vector<std::string> a = {"send"};
         a.insert(a.end(), c.args.begin(), c.args.end());
-        Ctl ctl(dir_, a);
-        auto text = fake_->take();
+        auto child = spawn(a);
+        auto text = take();
         ASSERT_TRUE(text);
-        ASSERT_EQ(text->rfind("send-sms " + dir_.path() + "/tmp/", 0), 0u) << *text;
+        ASSERT_EQ(text->rfind("send-sms " + root_.path() + "/tmp/", 0), 0u) << *text;
         std::string file = text->substr(9);
         EXPECT_LE(file.size(), 87u);
         struct stat st {};
@@ -509,7 +377,7 @@ TEST_F(CtlTest, SendWritesTheRequestFileTheDaemonReads) {
                   build_request_file(sender, c.args.back(), c.numbers, c.names, c.groups));
         ::unlink(file.c_str());  // the daemon's part
         fake_->reply(c.reply);
-        CtlResult r = ctl.finish();
+        CtlResult r = finish(*child);
         EXPECT_EQ(r.status, 0) << r.err;
         EXPECT_EQ(r.out, c.shown);
     }
@@ -517,13 +385,11 @@ TEST_F(CtlTest, SendWritesTheRequestFileTheDaemonReads) {
 
 TEST_F(CtlTest, SendWithoutAnswerRemovesItsRequestFile) {
     fake_.reset();
-    std::vector<std::string> a = base();
-    a.insert(a.end(), {"--timeout", "1", "send", "--to", "1", "hi"});
-    CtlResult r = Ctl(dir_, a).finish();
+    CtlResult r = ctl({"--timeout", "1", "send", "--to", "1", "hi"});
     EXPECT_EQ(r.status, 2);
     // No request file may be left in the spool directory.
     bool left = false;
-    if (DIR* d = ::opendir((dir_ / "tmp").c_str())) {
+    if (DIR* d = ::opendir((path("tmp")).c_str())) {
         while (dirent* e = ::readdir(d))
             if (std::string(e->d_name).rfind("smsgwctl-", 0) == 0) left = true;
         ::closedir(d);
@@ -532,63 +398,60 @@ TEST_F(CtlTest, SendWithoutAnswerRemovesItsRequestFile) {
 }
 
 TEST_F(CtlTest, ImportCsvStagesTheUploadAndReportsTheDaemonsVerdict) {
-    const std::string src = dir_ / "contacts.csv";
+    const std::string src = path("contacts.csv");
     write_file(src, "Firstname,Lastname,Description,Phone-Number\r\nAnn,Lee,x,123\r\n");
     // Stale marker of an earlier refused import.
-    write_file(dir_ / "var/tmp/csv_empty_err", "");
-    std::vector<std::string> a = base();
-    a.insert(a.end(), {"import-csv", src, "--columns", "1,2,4,3"});
+    write_file(path("var/tmp/csv_empty_err"), "");
+    const std::vector<std::string> a = {"import-csv", src, "--columns", "1,2,4,3"};
     {
-        Ctl ctl(dir_, a);
-        auto text = fake_->take();
+        auto child = spawn(a);
+        auto text = take();
         ASSERT_TRUE(text);
         EXPECT_EQ(*text, "CSVFILE");
-        EXPECT_EQ(read_file(dir_ / "var/run/AddressBook.csv"), read_file(src));
-        EXPECT_EQ(read_file(dir_ / "var/run/csv_frmt.dat"), "1\n2\n4\n3\n");
-        EXPECT_FALSE(exists(dir_ / "var/tmp/csv_empty_err"));
+        EXPECT_EQ(file("var/run/AddressBook.csv"), read_file(src));
+        EXPECT_EQ(file("var/run/csv_frmt.dat"), "1\n2\n4\n3\n");
+        EXPECT_FALSE(exists(path("var/tmp/csv_empty_err")));
         fake_->reply("");
-        CtlResult r = ctl.finish();
+        CtlResult r = finish(*child);
         EXPECT_EQ(r.status, 0) << r.err;
     }
     {
-        Ctl ctl(dir_, a);
-        ASSERT_TRUE(fake_->take());
-        write_file(dir_ / "var/tmp/csv_lsp_err", "");
+        auto child = spawn(a);
+        ASSERT_TRUE(take());
+        write_file(path("var/tmp/csv_lsp_err"), "");
         fake_->reply("");
-        CtlResult r = ctl.finish();
+        CtlResult r = finish(*child);
         EXPECT_EQ(r.status, 1);
         EXPECT_NE(r.err.find("begins with a blank"), std::string::npos) << r.err;
     }
 }
 
 TEST_F(CtlTest, StatusReadsTheQueueAndCounterFiles) {
-    write_file(dir_ / "var/run/wirelessmodems", "/dev/ttyS0\n/dev/ttyS1\n");
-    write_file(dir_ / "var/run/txrx_pid_file", std::to_string(::getpid()) + "\n");
+    write_file(path("var/run/wirelessmodems"), "/dev/ttyS0\n/dev/ttyS1\n");
+    write_file(path("var/run/txrx_pid_file"), std::to_string(::getpid()) + "\n");
     // Read index 3 in the high half, write index 5 in the low half of the
     // first host-order word.
     unsigned char table[44] = {};
     put_i32(table, static_cast<int32_t>((3u << 16) | 5u));
     put_i32(table + 4, 2 * 108 + 10 + 7);
     put_i32(table + 8 + 3 * 4, 108 + 7);
-    write_file(dir_ / "var/Jobs/pos_offset", std::string(reinterpret_cast<char*>(table), 44));
+    write_file(path("var/Jobs/pos_offset"), std::string(reinterpret_cast<char*>(table), 44));
     auto record = [](int body) {
         unsigned char h[108] = {};
         std::memcpy(h, "<JB/SRT>", 8);
         put_i32(h + 12, body);
         return std::string(reinterpret_cast<char*>(h), 108) + std::string(size_t(body), 'b');
     };
-    write_file(dir_ / "var/Jobs/Pending_Jobs_4", record(10) + record(7));
-    write_file(dir_ / "var/Jobs/Pending_Jobs_5", record(5) + "<JB/SRT>garbage");
+    write_file(path("var/Jobs/Pending_Jobs_4"), record(10) + record(7));
+    write_file(path("var/Jobs/Pending_Jobs_5"), record(5) + "<JB/SRT>garbage");
     unsigned char stats[24] = {};
     put_i32(stats + 16, 4);
     put_i32(stats + 20, 9);
-    write_file(dir_ / "var/config/sms_stats_file", std::string(reinterpret_cast<char*>(stats), 24));
-    write_file(dir_ / "var/config/job_stats_file", "7\n0\n3");
-    write_file(dir_ / "var/config/international_dialing", "int-dialing=enable\nmax-digits=12\n");
+    write_file(path("var/config/sms_stats_file"), std::string(reinterpret_cast<char*>(stats), 24));
+    write_file(path("var/config/job_stats_file"), "7\n0\n3");
+    write_file(path("var/config/international_dialing"), "int-dialing=enable\nmax-digits=12\n");
 
-    std::vector<std::string> a = base();
-    a.insert(a.end(), {"status", "--json"});
-    CtlResult r = Ctl(dir_, a).finish();
+    CtlResult r = ctl({"status", "--json"});
     ASSERT_EQ(r.status, 0) << r.err;
     auto has = [&](const std::string& part) {
         EXPECT_NE(r.out.find(part), std::string::npos) << part << "\nin " << r.out;
@@ -605,10 +468,8 @@ TEST_F(CtlTest, StatusReadsTheQueueAndCounterFiles) {
     has("\"international_dialing\":{\"int_dialing\":\"enable\",\"max_digits\":12}");
 
     // A table of the wrong size is reported, not misread.
-    write_file(dir_ / "var/Jobs/pos_offset", std::string(10, '\xff'));
-    a = base();
-    a.push_back("status");
-    r = Ctl(dir_, a).finish();
+    write_file(path("var/Jobs/pos_offset"), std::string(10, '\xff'));
+    r = ctl({"status"});
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_NE(r.out.find("pos_offset is not 44 bytes"), std::string::npos) << r.out;
     EXPECT_NE(r.out.find("queued jobs:     3"), std::string::npos) << r.out;
@@ -616,26 +477,9 @@ TEST_F(CtlTest, StatusReadsTheQueueAndCounterFiles) {
 
 // ------------------------------------------------------ the real daemon
 
-class CtlDaemonTest : public ::testing::Test {
+class CtlDaemonTest : public CtlFixture {
   protected:
-    void SetUp() override {
-        prepare_root(dir_.path());
-        offset_ = random_port_offset();
-        daemon_.emplace(dir_.path(), offset_);
-        ASSERT_TRUE(daemon_->wait_ready()) << daemon_->stderr_text();
-    }
-
-    CtlResult ctl(std::vector<std::string> args, bool json = false) {
-        std::vector<std::string> a = {"--root", dir_.path(), "--port-offset",
-                                      std::to_string(offset_)};
-        if (json) a.push_back("--json");
-        a.insert(a.end(), args.begin(), args.end());
-        return Ctl(dir_, a).finish();
-    }
-
-    TempDir dir_;
-    int offset_ = 0;
-    std::optional<Daemon> daemon_;
+    void SetUp() override { start(); }
 };
 
 TEST_F(CtlDaemonTest, AddressBookSession) {
@@ -674,7 +518,7 @@ TEST_F(CtlDaemonTest, AddressBookSession) {
     EXPECT_EQ(ctl({"contacts", "del", "Bob", "+4922"}).status, 0);
     EXPECT_EQ(ctl({"contacts", "count"}).out, "1\n");
     EXPECT_EQ(ctl({"save"}).status, 0);
-    EXPECT_NE(read_file(dir_ / "var/AddressBook/Address_Book").find("Ann Lee"), std::string::npos);
+    EXPECT_NE(file("var/AddressBook/Address_Book").find("Ann Lee"), std::string::npos);
 }
 
 TEST_F(CtlDaemonTest, RuleListsAndCsvRoundTrip) {
@@ -683,17 +527,17 @@ TEST_F(CtlDaemonTest, RuleListsAndCsvRoundTrip) {
     // simply not stored again.
     CtlResult r = ctl({"triggers", "add", "auth", "ANN", "+4911"});
     EXPECT_EQ(r.status, 0);
-    EXPECT_EQ(read_file(dir_ / "var/config/authenticate_list"), "17^|^Ann^|^+4911^|^");
+    EXPECT_EQ(file("var/config/authenticate_list"), "17^|^Ann^|^+4911^|^");
     r = ctl({"triggers", "list", "auth"});
     EXPECT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(r.out, "INDEX  NAME  NUMBER\n1      Ann   +4911\n");
 
     EXPECT_EQ(ctl({"triggers", "add", "preconf", "Call me"}).status, 0);
-    EXPECT_EQ(read_file(dir_ / "var/config/preconf_sms"), "25^|^Call me^|^[null]]|[^|^");
+    EXPECT_EQ(file("var/config/preconf_sms"), "25^|^Call me^|^[null]]|[^|^");
     EXPECT_EQ(ctl({"triggers", "del", "preconf", "2"}).status, 1);
     EXPECT_EQ(ctl({"triggers", "del", "preconf", "1"}).status, 0);
 
-    const std::string csv = dir_ / "in.csv";
+    const std::string csv = path("in.csv");
     // Line ends are LF: the importer keeps a CR as a blank in the last field.
     write_file(csv, "Firstname,Lastname,Description,Phone-Number\nAnn,Lee,x,123\n");
     r = ctl({"import-csv", csv});

@@ -1,7 +1,6 @@
 // The command language: every row of the command table with a word missing
 // at each position, the listings written to the response file, the rule-list
 // upkeep of the phone-book handlers, and hostile input.
-#include <dirent.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -19,6 +18,7 @@
 #include "support/test_support.h"
 
 using namespace smsgw;
+using smsgw::test::rec;
 using smsgw::test::TempDir;
 
 namespace {
@@ -26,10 +26,6 @@ namespace {
 const std::string kInvalid = "Invalid String to Parse";
 // Stands for the path of the response file in the expectations.
 const std::string kRF = "<RESPONSE_FILE>";
-
-std::string rec(const std::string& text) {
-    return std::to_string(text.size()) + text;
-}
 
 std::string ctrl_file() {
     std::string out;
@@ -97,11 +93,6 @@ struct Row {
     std::vector<std::string> replies;
 };
 
-// The rule-file path the reply names, relative to the root.
-std::string rooted(World& w, const std::string& p) {
-    return w.rt.path(p);
-}
-
 }  // namespace
 
 TEST(CommandTable, EveryRowWithAWordMissingAtEachPosition) {
@@ -159,7 +150,7 @@ TEST(CommandTable, EveryRowWithAWordMissingAtEachPosition) {
             for (size_t i = 0; i < k; ++i) text += row.words[i];
             World w(box);
             std::string want = row.replies[k];
-            if (want == bc) want = rooted(w, "/var/config/trigger_broadcast");
+            if (want == bc) want = w.rt.path("/var/config/trigger_broadcast");
             EXPECT_EQ(w.run(text), want) << "command: \"" << text << "\"";
         }
     }
@@ -386,93 +377,56 @@ TEST(PhoneBook, SaveWritesBothFiles) {
     EXPECT_EQ(w.file("/var/AddressBook/groups"), "Team\n");
 }
 
-namespace {
-
-void list_tree(const std::string& base, const std::string& rel, std::set<std::string>& out) {
-    DIR* d = ::opendir((base + rel).c_str());
-    if (!d) return;
-    while (dirent* e = ::readdir(d)) {
-        std::string n = e->d_name;
-        if (n == "." || n == "..") continue;
-        std::string r = rel + "/" + n;
-        struct stat st {};
-        if (::lstat((base + r).c_str(), &st) == 0 && S_ISDIR(st.st_mode)) {
-            list_tree(base, r, out);
-        } else {
-            out.insert(r);
-        }
-    }
-    ::closedir(d);
-}
-
-}  // namespace
-
 TEST(HostileInput, MissingEmptyOverlongAndBinaryFields) {
-    const std::vector<std::string> templates = {
-        "get-sms phone_book @^|^@^|^",
-        "get-sms phone_number @^|^",
-        "get-sms groups @^|^",
-        "get-sms group @^|^@^|^@^|^",
-        "get-sms total-entries @^|^@^|^",
-        "get-sms international-dialing @^|^",
-        "get-sms trigger @^|^",
-        "add-sms phone_book @^|^@^|^@^|^@^|^",
-        "add-sms groups @^|^@^|^@^|^[null]^|^",
-        "add-sms group Team^|^@^|^@^|^",
-        "add-sms trigger sms @^|^@^|^@^|^@^|^@^|^",
-        "add-sms trigger preconf_sms @^|^@^|^",
-        "add-sms trigger auth-list @^|^@^|^",
-        "add-sms international-dialing max-digits^|^@^|^",
-        "add-sms international-dialing dialing^|^@^|^",
-        "add-sms modem @ @ ",
-        "del-sms phone_book @^|^@^|^",
-        "del-sms group @^|^@^|^@^|^",
-        "del-sms groups @^|^",
-        "del-sms trigger sms @^|^",
-        "del-sms trigger auth-list @^|^@^|^",
-        "edit-sms phone_book @^|^@^|^@^|^@^|^@^|^",
-        "edit-sms phone_book Ann^|^555^|^@^|^@^|^@^|^",
-        "edit-sms groups @^|^@^|^",
-        "edit-sms groups Team^|^@^|^",
-        "edit-sms trigger sms @^|^@^|^@^|^",
-        "edit-sms trigger ctrl_data @^|^@^|^@^|^",
-        "edit-sms trigger preconf_sms @^|^@^|^@^|^",
-        "set-sms-http set-sms-timer @ ",
-        "set-sms-http set-sms-status @ ",
-    };
+    const std::vector<std::string> templates = {"get-sms phone_book @^|^@^|^",
+                                                "get-sms phone_number @^|^",
+                                                "get-sms groups @^|^",
+                                                "get-sms group @^|^@^|^@^|^",
+                                                "get-sms total-entries @^|^@^|^",
+                                                "get-sms international-dialing @^|^",
+                                                "get-sms trigger @^|^",
+                                                "add-sms phone_book @^|^@^|^@^|^@^|^",
+                                                "add-sms groups @^|^@^|^@^|^[null]^|^",
+                                                "add-sms group Team^|^@^|^@^|^",
+                                                "add-sms trigger sms @^|^@^|^@^|^@^|^@^|^",
+                                                "add-sms trigger preconf_sms @^|^@^|^",
+                                                "add-sms trigger auth-list @^|^@^|^",
+                                                "add-sms international-dialing max-digits^|^@^|^",
+                                                "add-sms international-dialing dialing^|^@^|^",
+                                                "add-sms modem @ @ ",
+                                                "del-sms phone_book @^|^@^|^",
+                                                "del-sms group @^|^@^|^@^|^",
+                                                "del-sms groups @^|^",
+                                                "del-sms trigger sms @^|^",
+                                                "del-sms trigger auth-list @^|^@^|^",
+                                                "edit-sms phone_book @^|^@^|^@^|^@^|^@^|^",
+                                                "edit-sms phone_book Ann^|^555^|^@^|^@^|^@^|^",
+                                                "edit-sms groups @^|^@^|^",
+                                                "edit-sms groups Team^|^@^|^",
+                                                "edit-sms trigger sms @^|^@^|^@^|^",
+                                                "edit-sms trigger ctrl_data @^|^@^|^@^|^",
+                                                "edit-sms trigger preconf_sms @^|^@^|^@^|^",
+                                                "set-sms-http set-sms-timer @ ",
+                                                "set-sms-http set-sms-status @ "};
     std::string binary;
     for (int c = 1; c < 256; ++c)
         if (c != ' ' && c != '^') binary += static_cast<char>(c);
     const std::vector<std::string> fills = {"",   std::string(10000, 'A'), binary,
                                             "^|", "-99999999999",          std::string("a\0b", 3)};
-    std::set<std::string> allowed = {"/var/run/RESPONSE_FILE",
-                                     "/var/run/test_file",
-                                     "/var/config/trigger_broadcast",
-                                     "/var/config/preconf_sms",
-                                     "/var/config/trigger_ctrl",
-                                     "/var/config/authenticate_list",
-                                     "/var/config/international_dialing",
-                                     "/var/config/http_server_conf",
-                                     "/var/config/modem_conf",
-                                     "/var/config/api_stat.st",
-                                     "/bin/txrx",
-                                     "/bin/msntp",
-                                     "/bin/http-client",
-                                     "/bin/date",
-                                     "/sbin/create_address_book_tar",
-                                     "/calls.log"};
+    // clang-format off
+    const std::set<std::string> allowed = {
+        "var/run/RESPONSE_FILE", "var/run/test_file", "var/config/trigger_broadcast",
+        "var/config/preconf_sms", "var/config/trigger_ctrl", "var/config/authenticate_list",
+        "var/config/international_dialing", "var/config/http_server_conf", "var/config/modem_conf",
+        "var/config/api_stat.st", "bin/txrx", "bin/msntp", "bin/http-client", "bin/date",
+        "sbin/create_address_book_tar", "calls.log"};
+    // clang-format on
     Sandbox box;
     World w(box);
     for (const auto& tpl : templates) {
         for (const auto& fill : fills) {
             std::string text;
-            for (char c : tpl) {
-                if (c == '@') {
-                    text += fill;
-                } else {
-                    text += c;
-                }
-            }
+            for (char c : tpl) text += c == '@' ? fill : std::string(1, c);
             std::string reply = w.run(text);
             EXPECT_LT(reply.size(), 256u) << tpl;
             // Cut short behind every separator and inside the last word.
@@ -484,8 +438,7 @@ TEST(HostileInput, MissingEmptyOverlongAndBinaryFields) {
             }
         }
     }
-    std::set<std::string> files;
-    list_tree(w.dir.path(), "", files);
-    for (const auto& f : files) EXPECT_TRUE(allowed.count(f)) << "unexpected file " << f;
+    for (const auto& f : test::tree_below(w.dir.path(), false))
+        EXPECT_TRUE(allowed.count(f)) << "unexpected file " << f;
     EXPECT_LE(w.ab.entry_count, AddressBook::MAX_ELEMENTS);
 }

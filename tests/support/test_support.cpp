@@ -220,6 +220,28 @@ int api_status_of(const std::string& image, int32_t id) {
     return -1;
 }
 
+std::set<std::string> tree_below(const std::string& root, bool with_dirs) {
+    std::set<std::string> out;
+    std::vector<std::string> pending = {""};
+    while (!pending.empty()) {
+        const std::string rel = pending.back();
+        pending.pop_back();
+        DIR* d = ::opendir((root + "/" + rel).c_str());
+        if (!d) continue;
+        while (dirent* e = ::readdir(d)) {
+            const std::string n = e->d_name;
+            if (n == "." || n == "..") continue;
+            const std::string path = rel.empty() ? n : rel + "/" + n;
+            struct stat st {};
+            const bool dir = ::lstat((root + "/" + path).c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+            if (dir) pending.push_back(path);
+            if (with_dirs || !dir) out.insert(path);
+        }
+        ::closedir(d);
+    }
+    return out;
+}
+
 std::vector<std::string> lines_starting(const std::string& text, const std::string& prefix) {
     std::vector<std::string> out;
     std::istringstream in(text);

@@ -14,6 +14,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -77,6 +78,9 @@ int16_t i16_at(const std::string& bytes, size_t offset);
 std::string api_stat_image(std::initializer_list<int32_t> ids, int16_t status = 1);
 // The status of the record for `id` in such an image, -1 when there is none.
 int api_status_of(const std::string& image, int32_t id);
+// The paths below root, relative to it ("var/run/x"), of every entry or
+// only of those that are not directories.
+std::set<std::string> tree_below(const std::string& root, bool with_dirs = true);
 // The lines of a text that begin with `prefix`.
 std::vector<std::string> lines_starting(const std::string& text, const std::string& prefix);
 

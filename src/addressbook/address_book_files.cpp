@@ -181,47 +181,46 @@ TableOrder table_order(AddressBook& ab) {
 }
 
 // Entry address -> table index, open addressing: a save looks up every
-// member once or more, and a node-based map would cost an allocation per
-// entry and a division per lookup.
+// member once, and a node-based map would cost an allocation per entry.
 class EntryIndex {
   public:
     explicit EntryIndex(size_t n) {
         size_t size = 16;
         while (size < 2 * n) size <<= 1;
-        keys_.assign(size, nullptr);
-        values_.assign(size, 0);
+        slots_.assign(size, Slot{});
         mask_ = size - 1;
     }
     void insert(const Entry* e, uint32_t value) {
         size_t i = slot(e);
-        while (keys_[i] && keys_[i] != e) i = (i + 1) & mask_;
-        keys_[i] = e;
-        values_[i] = value;
+        while (slots_[i].key && slots_[i].key != e) i = (i + 1) & mask_;
+        slots_[i] = {e, value};
     }
     // The index, or UINT32_MAX when the entry is not in the table.
     uint32_t find(const Entry* e) const {
         for (size_t i = slot(e);; i = (i + 1) & mask_) {
-            if (keys_[i] == e) return values_[i];
-            if (!keys_[i]) return UINT32_MAX;
+            if (slots_[i].key == e) return slots_[i].value;
+            if (!slots_[i].key) return UINT32_MAX;
         }
     }
 
   private:
+    // Key and value side by side: one cache line per lookup.
+    struct Slot {
+        const Entry* key = nullptr;
+        uint32_t value = 0;
+    };
     size_t slot(const Entry* e) const {
         uint64_t h = static_cast<uint64_t>(reinterpret_cast<uintptr_t>(e) >> 4);
         return static_cast<size_t>((h * 0x9E3779B97F4A7C15ull) >> 20) & mask_;
     }
-    std::vector<const Entry*> keys_;
-    std::vector<uint32_t> values_;
+    std::vector<Slot> slots_;
     size_t mask_ = 0;
 };
 
-// One "%d," of the contact file: entry `index` (table order) is a member of
-// the group at `position`.
-struct Membership {
-    uint32_t index;
-    int position;
-};
+// Group positions are 1 to at most 50: an entry's memberships fit in one
+// word, bit p-1 for position p, and come out ascending.
+using PositionSet = uint64_t;
+constexpr int kMaxPositions = 64;
 
 // Chains the group's member nodes anew in the given order (the same nodes,
 // so pointers held elsewhere stay valid).
@@ -245,15 +244,17 @@ void relink(Group& g, const List& order) {
 // The group positions of every entry, exactly as a call of
 // group_write_memberships per entry in table order would find them, member
 // lists rotated the same way; but computed group by group, so that a group
-// costs work only at the entries where its first member could match rather
-// than a text comparison for every entry.
+// costs work only at the entries where one of its members could match
+// rather than a text comparison for every entry.
 //
 // A save visits entries in table order, so "name compared with the member's
 // name, ignoring case" is the order of the two entries' nodes: the rank of
 // the node (same rank: same name) replaces the text comparison. Returns
 // false, without touching any list, when a member does not point at an
-// entry of the table (the ranks would not apply).
-bool group_memberships(AddressBook& ab, const TableOrder& table, std::vector<Membership>& out) {
+// entry of the table (the ranks would not apply) or there are more groups
+// than a PositionSet holds.
+bool group_memberships(AddressBook& ab, const TableOrder& table,
+                       std::vector<PositionSet>& positions) {
     const std::vector<Entry*>& order = table.entries;
     const std::vector<uint32_t>& rank = table.rank;
     const std::vector<uint32_t>& first_of_rank = table.first_of_rank;
@@ -269,6 +270,7 @@ bool group_memberships(AddressBook& ab, const TableOrder& table, std::vector<Mem
     };
     std::vector<std::deque<Item>> lists;
     for (Group* g = ab.first_group(); g; g = g->next.get()) {
+        if (lists.size() == kMaxPositions) return false;
         lists.emplace_back();
         for (GroupMember* m = g->members.get(); m; m = m->next.get()) {
             uint32_t at = index_of.find(m->member_entry);
@@ -277,21 +279,25 @@ bool group_memberships(AddressBook& ab, const TableOrder& table, std::vector<Mem
         }
     }
 
-    int position = 1;
+    positions.assign(n, 0);
     size_t li = 0;
-    for (Group* g = ab.first_group(); g; g = g->next.get(), ++position, ++li) {
+    for (Group* g = ab.first_group(); g; g = g->next.get(), ++li) {
+        const PositionSet bit = PositionSet{1} << li;
         std::deque<Item>& q = lists[li];
+        // Past the last member's name every member compares lower and none
+        // can match: the scan ends there instead of at the table's end.
+        uint32_t last_rank = 0;
+        for (const Item& it : q) last_rank = std::max(last_rank, it.rank);
         size_t i = 0;
-        while (!q.empty() && i < n) {
+        while (!q.empty() && i < n && rank[i] <= last_rank) {
             // Entries before the first member's node stop at the first member.
             size_t skip_to = first_of_rank[q.front().rank];
             if (skip_to > i) i = skip_to;
-            if (i >= n) break;
             for (size_t k = 0; k < q.size(); ++k) {
                 if (rank[i] < q[k].rank) break;
                 if (rank[i] == q[k].rank &&
                     (q[k].entry == order[i] || iequal(order[i]->number, q[k].entry->number))) {
-                    out.push_back({static_cast<uint32_t>(i), position});
+                    positions[i] |= bit;
                     if (k + 1 < q.size()) {
                         Item moved = q[k];
                         q.erase(q.begin() + static_cast<std::ptrdiff_t>(k));
@@ -307,36 +313,37 @@ bool group_memberships(AddressBook& ab, const TableOrder& table, std::vector<Mem
     return true;
 }
 
+// Appends "p," for every position in the set, ascending.
+void append_positions(std::string& out, PositionSet set) {
+    while (set != 0) {
+        int position = __builtin_ctzll(set) + 1;
+        set &= set - 1;
+        if (position >= 10) out += static_cast<char>('0' + position / 10);
+        out += static_cast<char>('0' + position % 10);
+        out += ',';
+    }
+}
+
+// The records go out through one buffer, written whenever it fills.
 void write_contacts(FILE* stream, const std::vector<Entry*>& order,
-                    std::vector<Membership>& memberships) {
-    // Group by entry, positions ascending (they were found group by group).
-    std::stable_sort(memberships.begin(), memberships.end(),
-                     [](const Membership& a, const Membership& b) { return a.index < b.index; });
+                    const std::vector<PositionSet>& positions) {
+    constexpr size_t kFlushAt = size_t{64} * 1024;
     std::string chunk;
-    chunk.reserve(size_t{80} * 1024);
-    char digits[16];
-    size_t next = 0;
+    chunk.reserve(kFlushAt + 1024);
     for (size_t i = 0; i < order.size(); ++i) {
         // Entries lie scattered on the heap: ask for the next ones early.
         if (i + 8 < order.size()) __builtin_prefetch(order[i + 8]);
-        if (i + 4 < order.size()) {
-            const Entry& ahead = *order[i + 4];
-            __builtin_prefetch(ahead.name.data());
-            __builtin_prefetch(ahead.description.data());
-        }
+        if (i + 4 < order.size()) __builtin_prefetch(order[i + 4]->description.data());
         const Entry& e = *order[i];
-        chunk += e.name;
-        chunk += "^|^";
-        chunk += e.number;
-        chunk += "^|^";
-        chunk += e.description;
-        chunk += "^|^";
-        for (; next < memberships.size() && memberships[next].index == i; ++next) {
-            int len = std::snprintf(digits, sizeof digits, "%d,", memberships[next].position);
-            chunk.append(digits, static_cast<size_t>(len));
-        }
-        chunk += "^|^\n";
-        if (chunk.size() >= size_t{64} * 1024) {
+        chunk.append(e.name.view());
+        chunk.append(kSep);
+        chunk.append(e.number.view());
+        chunk.append(kSep);
+        chunk.append(e.description.view());
+        chunk.append(kSep);
+        append_positions(chunk, positions[i]);
+        chunk.append("^|^\n");
+        if (chunk.size() >= kFlushAt) {
             std::fwrite(chunk.data(), 1, chunk.size(), stream);
             chunk.clear();
         }
@@ -362,15 +369,15 @@ void ab_save_contacts(AddressBook& ab, FILE* stream) {
     TableOrder table = table_order(ab);
     const std::vector<Entry*>& order = table.entries;
 
-    std::vector<Membership> memberships;
-    if (!group_memberships(ab, table, memberships)) {
+    std::vector<PositionSet> positions;
+    if (!group_memberships(ab, table, positions)) {
         // Some member is not a contact of the table: compare texts.
         for (Entry* e : order) {
             write_entry_fields(stream, *e);
             ab.group_write_memberships(stream, e->name, e->number);
         }
     } else {
-        write_contacts(stream, order, memberships);
+        write_contacts(stream, order, positions);
     }
     ab.list_output = previous;
 }

@@ -1,6 +1,5 @@
 // Trigger SMS parsing: trigger lookup, command classification, the fields
 // of every command, sender kinds, authentication and hostile input.
-#include <dirent.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -17,17 +16,11 @@
 namespace smsgw {
 namespace {
 
+using test::rec;
 using test::TempDir;
 
-std::string rec(const std::string& text) {
-    return std::to_string(text.size()) + text;
-}
-
-// The incoming record: sender char[50], text from byte 50.
 std::string sms(const std::string& sender, const std::string& text) {
-    std::string m = sender.substr(0, 50);
-    m.resize(50, '\0');
-    return m + text;
+    return test::sms_record(sender, text);
 }
 
 const char* const kCtrl[] = {
@@ -373,26 +366,10 @@ TEST_F(ParserTest, TraceFileIsRewrittenAndNeverFollowsALink) {
     EXPECT_TRUE(S_ISREG(st.st_mode));
 }
 
-std::set<std::string> tree(const std::string& root, const std::string& rel = "") {
-    std::set<std::string> out;
-    DIR* d = ::opendir((root + "/" + rel).c_str());
-    if (!d) return out;
-    while (dirent* e = ::readdir(d)) {
-        std::string n = e->d_name;
-        if (n == "." || n == "..") continue;
-        std::string path = rel.empty() ? n : rel + "/" + n;
-        out.insert(path);
-        if (e->d_type == DT_DIR)
-            for (const auto& p : tree(root, path)) out.insert(p);
-    }
-    ::closedir(d);
-    return out;
-}
-
 TEST_F(ParserTest, HostileInputStaysBounded) {
     write("var/config/trigger_ctrl",
           rec("^|^^|^ADDENTRY^|^NO^|^") + rec("^|^Pre^|^ADDPRECONFSMS^|^NO^|^"));
-    std::set<std::string> before = tree(dir.path());
+    std::set<std::string> before = test::tree_below(dir.path());
     before.insert("var/run/getactionbject");
     const std::string fmt = "%s%n%x%p";
     const std::string shell = "$(touch pwned);`id`|rm -rf /&";
@@ -441,7 +418,7 @@ TEST_F(ParserTest, HostileInputStaysBounded) {
     EXPECT_EQ(std::get<TextObject>(p.object).text, std::string(157, 'p'));
     p = parse(std::string(50, '9') + "Pre:x");
     EXPECT_EQ(p.action, 5);
-    std::set<std::string> after = tree(dir.path());
+    std::set<std::string> after = test::tree_below(dir.path());
     EXPECT_EQ(after, before);
 }
 

@@ -21,23 +21,18 @@
 namespace smsgw {
 namespace {
 
+using test::api_stat_image;
+using test::api_status_of;
+using test::exists;
+using test::i32_at;
+using test::rec;
 using test::TempDir;
+using test::UdpListener;
+using test::write_file;
 using namespace std::chrono_literals;
 
-std::string rec(const std::string& text) {
-    return std::to_string(text.size()) + text;
-}
-
 std::string sms(const std::string& sender, const std::string& text) {
-    std::string m = sender;
-    m.resize(50, '\0');
-    return m + text;
-}
-
-int32_t i32_at(const std::string& bytes, size_t offset) {
-    int32_t v = 0;
-    if (bytes.size() >= offset + 4) std::memcpy(&v, bytes.data() + offset, 4);
-    return v;
+    return test::sms_record(sender, text);
 }
 
 std::string padded(const std::string& text, size_t size) {
@@ -64,7 +59,7 @@ class ActionsTest : public ::testing::Test {
         triggers = std::make_unique<Triggers>(rt, ab, rules, sender, queue);
     }
     void write(const std::string& rel, const std::string& content) {
-        test::write_file(dir / rel, content);
+        write_file(dir / rel, content);
     }
     std::string read(const std::string& rel) { return test::read_file(dir / rel); }
     int32_t stat_counter(size_t offset) {
@@ -81,35 +76,18 @@ class ActionsTest : public ::testing::Test {
         ab.group_add_contact("Staff", "Ann");
         ab.group_add_contact("Staff", "Ben");
     }
-    // api_stat.st with a header and one record per id.
+    // api_stat.st with a header and one pending record per id.
     void api_records(std::initializer_list<int32_t> ids) {
-        std::string file(4, '\0');
-        for (int32_t id : ids) {
-            std::string r(60, '\0');
-            std::memcpy(r.data(), &id, 4);
-            int16_t pending = 1;
-            std::memcpy(r.data() + 4, &pending, 2);
-            file += r;
-        }
-        write("var/config/api_stat.st", file);
+        write("var/config/api_stat.st", api_stat_image(ids, 1));
     }
-    int api_status(int32_t id) {
-        std::string file = read("var/config/api_stat.st");
-        for (size_t off = 4; off + 60 <= file.size(); off += 60) {
-            if (i32_at(file, off) != id) continue;
-            int16_t s;
-            std::memcpy(&s, file.data() + off + 4, 2);
-            return s;
-        }
-        return -100;
-    }
+    int api_status(int32_t id) { return api_status_of(read("var/config/api_stat.st"), id); }
     std::string reply_text() const {
         const auto& r = triggers->action_reply();
         return std::string(r.data(), strnlen(r.data(), r.size()));
     }
     std::string request_file(const std::string& name, const std::string& text) {
         std::string path = dir / ("tmp/" + name);
-        test::write_file(path, build_request_file("admin", text, "", "", ""));
+        write_file(path, build_request_file("admin", text, "", "", ""));
         return path;
     }
 
@@ -226,12 +204,12 @@ TEST_F(ActionsTest, BroadcastIsSentToTheGroupMembers) {
     std::string a = body.substr(160, 50), b = body.substr(210, 50);
     EXPECT_TRUE((a == padded("+4911", 50) && b == padded("+4922", 50)) ||
                 (a == padded("+4922", 50) && b == padded("+4911", 50)));
-    EXPECT_TRUE(test::exists(dir / "var/Outbox/outbox_slave_tmp"));
+    EXPECT_TRUE(exists(dir / "var/Outbox/outbox_slave_tmp"));
     // Only the job file is left of the request.
-    EXPECT_FALSE(test::exists(dir / "var/run/pending_jobs"));
-}
+    EXPECT_FALSE(exists(dir / "var/run/pending_jobs"));
 
-TEST_F(ActionsTest, BroadcastToAMissingGroupMakesNoJob) {
+    // A broadcast to a missing group makes no job.
+    rt.job_outstanding = 0;
     EXPECT_EQ(triggers->getactionobject(sms("+4999", "Ghost")), 0);
     EXPECT_EQ(rt.job_outstanding, 0);
     EXPECT_EQ(reply_text(), "");
@@ -251,10 +229,10 @@ TEST_F(ActionsTest, BroadcastWaitsInTheQueueWhileAJobIsOutstanding) {
     EXPECT_EQ(i32_at(queued, 12), static_cast<int32_t>(210 + group.size()));
     EXPECT_EQ(queued.substr(20, 10), padded("ISBRDTRIG", 10));
     EXPECT_EQ(queued.substr(108), padded("+4999", 50) + padded("Doors open", 160) + group);
-    EXPECT_FALSE(test::exists(dir / "var/run/pending_jobs"));
+    EXPECT_FALSE(exists(dir / "var/run/pending_jobs"));
 
     // The scheduler feeds it back once txrx is done, and txrx gets the job.
-    test::UdpListener txrx(rt.ports.txrx_out());
+    UdpListener txrx(rt.ports.txrx_out());
     ASSERT_TRUE(txrx.ok());
     rt.job_outstanding = 0;
     queue.create_job_from_pending_jobs(0);
@@ -267,31 +245,27 @@ TEST_F(ActionsTest, BroadcastWaitsInTheQueueWhileAJobIsOutstanding) {
     EXPECT_EQ(test::read_file(path).substr(0, 160), padded("Doors open", 160));
 }
 
-TEST_F(ActionsTest, ApiRequestsThatAreNotTriggers) {
-    EXPECT_EQ(triggers->api_ProcessTrigs("send-sms api4 /tmp/x"), 0);
-    EXPECT_EQ(triggers->api_ProcessTrigs("send-sms api /tmp/x-1"), 0);
-    EXPECT_EQ(triggers->api_ProcessTrigs("send-sms /tmp/x"), 0);
-    EXPECT_EQ(triggers->api_ProcessTrigs("send-sms"), 0);
-}
-
 TEST_F(ActionsTest, ApiCommandTriggers) {
+    for (const char* other :
+         {"send-sms api4 /tmp/x", "send-sms api /tmp/x-1", "send-sms /tmp/x", "send-sms"})
+        EXPECT_EQ(triggers->api_ProcessTrigs(other), 0) << other;
     api_records({6, 7});
     std::string path = request_file("req-6", "Add:Fred;+4970");
     EXPECT_EQ(triggers->api_ProcessTrigs("send-sms api3 " + path + "\r\n"), 1);
     EXPECT_NE(entry("Fred", "+4970"), nullptr);
     EXPECT_EQ(api_status(6), 0);
-    EXPECT_FALSE(test::exists(path));
+    EXPECT_FALSE(exists(path));
     // A broadcast is not a command: refused with 610.
     path = request_file("req-7", "Open");
     EXPECT_EQ(triggers->api_ProcessTrigs("send-sms api3 " + path), 1);
     EXPECT_EQ(api_status(7), 610);
-    EXPECT_FALSE(test::exists(path));
+    EXPECT_FALSE(exists(path));
 }
 
 TEST_F(ActionsTest, ApiBroadcastTriggerGoesToTxrx) {
     staff_group();
     api_records({6, 7});
-    test::UdpListener txrx(rt.ports.txrx_out());
+    UdpListener txrx(rt.ports.txrx_out());
     ASSERT_TRUE(txrx.ok());
     std::string path = request_file("req-6", "Add:Fred;+4970");
     EXPECT_EQ(triggers->api_ProcessTrigs("send-sms api2 " + path), 1);
@@ -311,7 +285,7 @@ TEST_F(ActionsTest, ApiBroadcastTriggerGoesToTxrx) {
     EXPECT_EQ(rt.job_outstanding, 1);
     EXPECT_EQ(api_status(7), 2);
     EXPECT_EQ(rt.api_trigger.pending, 0);
-    EXPECT_FALSE(test::exists(path));
+    EXPECT_FALSE(exists(path));
 }
 
 TEST_F(ActionsTest, ApiBroadcastTriggerIsQueuedWithItsUser) {
@@ -328,7 +302,7 @@ TEST_F(ActionsTest, ApiBroadcastTriggerIsQueuedWithItsUser) {
 TEST_F(ActionsTest, RefusedRequestFilesAreLeftAlone) {
     api_records({1});
     std::string outside = dir / "elsewhere/req-1";
-    test::write_file(outside, build_request_file("admin", "Add:Mal;+4966", "", "", ""));
+    write_file(outside, build_request_file("admin", "Add:Mal;+4966", "", "", ""));
     std::string link = dir / "tmp/req-1";
     ASSERT_EQ(::symlink(outside.c_str(), link.c_str()), 0);
     const std::string refused[] = {outside, link, dir / "tmp/../elsewhere/req-1", "tmp/req-1",
@@ -337,8 +311,8 @@ TEST_F(ActionsTest, RefusedRequestFilesAreLeftAlone) {
         SCOPED_TRACE(p);
         EXPECT_EQ(triggers->api_ProcessTrigs("send-sms api3 " + p), 1);
     }
-    EXPECT_TRUE(test::exists(outside));
-    EXPECT_TRUE(test::exists(link));
+    EXPECT_TRUE(exists(outside));
+    EXPECT_TRUE(exists(link));
     EXPECT_EQ(ab.ab_find("Mal"), nullptr);
     EXPECT_EQ(api_status(1), 1);
 }

@@ -62,10 +62,10 @@ void load_groups(AddressBook& ab, const std::string& path) {
     }
 }
 
-// Field 3: the description up to its separator, which may lie on a later
-// line. `rest` is left behind the separator.
-void read_description(LineReader& reader, std::string& line, std::string_view& rest,
-                      std::string& description) {
+// Field 3 when its separator lies on a later line: `rest` (the current
+// line behind the number) and the following lines up to the separator.
+// `rest` is left behind the separator, in the reader's current line.
+void read_long_description(LineReader& reader, std::string_view& rest, std::string& description) {
     description.clear();
     for (;;) {
         size_t p = rest.find(kSep);
@@ -75,55 +75,81 @@ void read_description(LineReader& reader, std::string& line, std::string_view& r
             return;
         }
         append_bounded(description, rest, kDescriptionMax);
-        if (!reader.next(line, kLineKeep)) {
+        if (!reader.next_view(rest, kLineKeep)) {
             rest = {};
             return;
         }
-        rest = line;
     }
 }
 
-void add_positions(AddressBook& ab, std::string_view list, Entry* entry) {
+// Field 4: "p," for each group position; `by_position` holds the groups in
+// list order (position 1 first).
+void add_positions(AddressBook& ab, const std::vector<Group*>& by_position, std::string_view list,
+                   Entry* entry) {
     size_t p = list.find(kSep);
     if (p == std::string_view::npos) return;
     list = list.substr(0, p);
     while (!list.empty()) {
         size_t comma = list.find(',');
-        std::string_view piece = list.substr(0, comma);
-        ab.group_add_by_position(c_atoi(piece), entry);
+        int position = c_atoi(list.substr(0, comma));
+        if (position > 0 && static_cast<size_t>(position) <= by_position.size())
+            ab.group_append_member(by_position[static_cast<size_t>(position) - 1], entry);
         if (comma == std::string_view::npos) break;
         list.remove_prefix(comma + 1);
     }
 }
 
+// The word before the next separator, `cursor` moved behind it; false when
+// there is no separator.
+bool cut_field(std::string_view& cursor, std::string_view& word) {
+    size_t p = cursor.find(kSep);
+    if (p == std::string_view::npos) return false;
+    word = cursor.substr(0, p);
+    cursor.remove_prefix(p + kSep.size());
+    return true;
+}
+
+// Lines are looked at in the reader's block where they lie; only a
+// description that spans lines is gathered into a string of its own.
 void load_contacts(AddressBook& ab, const std::string& path) {
     FilePtr f = open_file(path, "r");
     if (!f) return;
+    std::vector<Group*> by_position;
+    for (Group* g = ab.first_group(); g; g = g->next.get()) by_position.push_back(g);
     LineReader reader(f.get());
-    std::string line, name, number, description;
-    Tokenizer tok;
+    std::string_view line;
+    std::string name_copy, number_copy, long_description;
     int counter = 1;
-    while (reader.next(line, kLineKeep)) {
+    while (reader.next_view(line, kLineKeep)) {
         if (line == "\n") continue;
         trace("%d\n", counter++);
 
-        std::string_view piece = std::string_view(line).substr(0, kContactPiece);
-        std::string_view cursor = tok.next_token(piece, kSep);
-        if (!tok.token_found()) continue;
-        name.assign(tok.word(), 0, kFieldMax);
-        cursor = tok.next_token(cursor, kSep);
-        if (!tok.token_found()) continue;
-        number.assign(tok.word(), 0, kFieldMax);
+        // Both separators must lie in the line's first piece.
+        std::string_view cursor = line.substr(0, kContactPiece);
+        std::string_view name, number;
+        if (!cut_field(cursor, name) || !cut_field(cursor, number)) continue;
+        name = name.substr(0, kFieldMax);
+        number = number.substr(0, kFieldMax);
 
-        std::string_view rest =
-            std::string_view(line).substr(static_cast<size_t>(cursor.data() - piece.data()));
-        read_description(reader, line, rest, description);
+        std::string_view rest = line.substr(static_cast<size_t>(cursor.data() - line.data()));
+        std::string_view description;
+        size_t p = rest.find(kSep);
+        if (p != std::string_view::npos) {
+            description = rest.substr(0, std::min(p, kDescriptionMax));
+            rest.remove_prefix(p + kSep.size());
+        } else {
+            // Reading on moves the block under the views.
+            name = name_copy.assign(name);
+            number = number_copy.assign(number);
+            read_long_description(reader, rest, long_description);
+            description = long_description;
+        }
 
         TrieNode* node = ab.ab_insert(name, number, description);
         if (!node) continue;
         Entry* entry = AddressBook::ab_find_number(node->entries.get(), number);
         if (!entry) continue;
-        add_positions(ab, rest, entry);
+        add_positions(ab, by_position, rest, entry);
     }
 }
 

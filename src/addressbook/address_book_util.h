@@ -61,10 +61,14 @@ class LineReader {
     // bytes are stored, the rest of the line is consumed; a NUL byte ends
     // the line's text as it ends a C string. False at end of file.
     bool next(std::string& line, size_t keep);
+    // The same line as a view, valid until the next call: into the block
+    // when the line lies whole in it, else into a copy.
+    bool next_view(std::string_view& line, size_t keep);
 
   private:
     FILE* f_;
     std::vector<char> buf_;
+    std::string carry_;  // a line that crosses the end of a block
     size_t pos_ = 0;
     size_t len_ = 0;
 };

@@ -35,4 +35,21 @@ bool LineReader::next(std::string& line, size_t keep) {
     }
 }
 
+bool LineReader::next_view(std::string_view& line, size_t keep) {
+    const char* start = buf_.data() + pos_;
+    size_t avail = len_ - pos_;
+    const void* nl = avail ? std::memchr(start, '\n', avail) : nullptr;
+    if (!nl) {
+        if (!next(carry_, keep)) return false;
+        line = carry_;
+        return true;
+    }
+    size_t seg = static_cast<size_t>(static_cast<const char*>(nl) - start) + 1;
+    const void* nul = std::memchr(start, '\0', seg);
+    size_t take = nul ? static_cast<size_t>(static_cast<const char*>(nul) - start) : seg;
+    line = std::string_view(start, std::min(take, keep));
+    pos_ += seg;
+    return true;
+}
+
 }  // namespace smsgw

@@ -15,17 +15,10 @@ namespace {
 
 using test::TempDir;
 
-std::string inbox_record(const std::string& text) {
-    int32_t n = static_cast<int32_t>(text.size());
-    std::string out(4, '\0');
-    std::memcpy(out.data(), &n, 4);
-    return out + text;
-}
+using test::i32_bytes;
 
-std::string raw_length(int32_t n) {
-    std::string out(4, '\0');
-    std::memcpy(out.data(), &n, 4);
-    return out;
+std::string inbox_record(const std::string& text) {
+    return i32_bytes(static_cast<int32_t>(text.size())) + text;
 }
 
 std::string loop_back(const std::string& date, const std::string& time) {
@@ -67,11 +60,11 @@ TEST_F(InboxTest, FirstLoopBackRecordInFileOrderIsUsed) {
 TEST_F(InboxTest, DamagedLengthsEndTheReading) {
     const std::string good = inbox_record(loop_back("24/03/01", "12:05:09+04"));
     const std::string cases[] = {
-        raw_length(-1) + good,
-        raw_length(0) + good,
-        raw_length(0x7fffffff) + good,
-        raw_length(static_cast<int32_t>(good.size()) + 1) + good,  // runs past the end
-        std::string("\x01\x00", 2),                                // length cut short
+        i32_bytes(-1) + good,
+        i32_bytes(0) + good,
+        i32_bytes(0x7fffffff) + good,
+        i32_bytes(static_cast<int32_t>(good.size()) + 1) + good,  // runs past the end
+        std::string("\x01\x00", 2),                               // length cut short
         "",
     };
     for (const auto& content : cases) {
@@ -105,13 +98,7 @@ class DateProgramTest : public InboxTest {
     Runtime rt{dir.path(), 0};
 };
 
-TEST_F(DateProgramTest, RunsDateWithOneArgument) {
-    write_inbox(inbox_record(loop_back("24/03/01", "12:05:09+04")));
-    EXPECT_TRUE(set_time_from_loop_back(rt));
-    EXPECT_EQ(test::read_file(log()), "030112052024.09\n");
-}
-
-TEST_F(DateProgramTest, NothingRunsForBadOrMissingRecords) {
+TEST_F(DateProgramTest, RunsDateWithOneArgumentOnlyForAGoodRecord) {
     EXPECT_FALSE(set_time_from_loop_back(rt));  // no inbox
     write_inbox(inbox_record(loop_back("24/03/01", "12:05:09;touch " + dir.path() + "/x")));
     EXPECT_FALSE(set_time_from_loop_back(rt));
@@ -119,6 +106,10 @@ TEST_F(DateProgramTest, NothingRunsForBadOrMissingRecords) {
     EXPECT_FALSE(set_time_from_loop_back(rt));
     EXPECT_FALSE(test::exists(log()));
     EXPECT_FALSE(test::exists(dir / "x"));
+
+    write_inbox(inbox_record(loop_back("24/03/01", "12:05:09+04")));
+    EXPECT_TRUE(set_time_from_loop_back(rt));
+    EXPECT_EQ(test::read_file(log()), "030112052024.09\n");
 }
 
 }  // namespace

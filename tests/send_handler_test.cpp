@@ -89,34 +89,20 @@ TEST_F(SendTest, SectionsBecomeJobRecordsAndOutboxItems) {
         std::vector<std::string> expect_numbers;
         std::string expect_items;
     };
+    // clang-format off
     const Case cases[] = {
         {"group only", "", "", "Friends^|^", {"+4903", "+4904"}, ",Friends"},
-        {"last number without separator is ignored",
-         "+4912345^|^+4967890",
-         "",
-         "",
-         {"+4912345"},
+        {"last number without separator is ignored", "+4912345^|^+4967890", "", "", {"+4912345"},
          ",+4912345"},
-        {"contact by name and number with a name",
-         "",
-         "0^|^alice^|^+4911^|^Bob^|^",
-         "",
-         {"+4901", "+4902", "+4911"},
-         ",alice,Bob"},
-        {"duplicates across sections",
-         "+4903^|^+4901^|^",
-         "0^|^Bob^|^",
-         "Friends^|^",
-         {"+4901", "+4903", "+4904"},
-         ",+4903,+4901,Bob,Friends"},
-        {"all contacts stops reading",
-         "__ALL__",
-         "",
-         "Nope^|^",
-         {"+4901", "+4902", "+4903", "+4904"},
-         ",__ALL__"},
+        {"contact by name and number with a name", "", "0^|^alice^|^+4911^|^Bob^|^", "",
+         {"+4901", "+4902", "+4911"}, ",alice,Bob"},
+        {"duplicates across sections", "+4903^|^+4901^|^", "0^|^Bob^|^", "Friends^|^",
+         {"+4901", "+4903", "+4904"}, ",+4903,+4901,Bob,Friends"},
+        {"all contacts stops reading", "__ALL__", "", "Nope^|^",
+         {"+4901", "+4902", "+4903", "+4904"}, ",__ALL__"},
         {"all groups", "", "__GALL__", "", {"+4903", "+4904"}, ",__GALL__"},
     };
+    // clang-format on
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
         std::string path = request(
@@ -358,18 +344,10 @@ TEST_F(HandOffTest, ReplyToPeerUsesThePeerPort) {
 
 TEST(SendText, TimeStampAndDashNumber) {
     std::tm tm{};
-    tm.tm_year = 109;
-    tm.tm_mon = 2;
-    tm.tm_mday = 7;
-    tm.tm_hour = 8;
-    tm.tm_min = 5;
-    tm.tm_sec = 1;
+    tm.tm_year = 109, tm.tm_mon = 2, tm.tm_mday = 7, tm.tm_hour = 8, tm.tm_min = 5, tm.tm_sec = 1;
     EXPECT_EQ(format_time_stamp(tm), "09/03/07^|^08:05:01");
-    tm.tm_year = 125;
-    tm.tm_mon = 11;
-    tm.tm_mday = 31;
-    tm.tm_hour = 23;
-    tm.tm_min = 59;
+    tm = {};
+    tm.tm_year = 125, tm.tm_mon = 11, tm.tm_mday = 31, tm.tm_hour = 23, tm.tm_min = 59;
     tm.tm_sec = 10;
     EXPECT_EQ(format_time_stamp(tm), "25/12/31^|^23:59:10");
 

@@ -1,7 +1,6 @@
 // The rule-list files: input is the bytes of all four lists, then a few
 // operations on them (chosen and fed by the rest of the input) as the
 // commands and the address-book upkeep run them.
-#include <fuzzer/FuzzedDataProvider.h>
 
 #include <cstdint>
 #include <cstdio>
@@ -16,12 +15,12 @@ using namespace smsgw;
 
 namespace {
 
-void run_operation(RuleLists& rules, FuzzedDataProvider& in) {
-    const int index = in.ConsumeIntegralInRange<int>(-2, 40);
-    std::string a = in.ConsumeRandomLengthString(120);
-    std::string b = in.ConsumeRandomLengthString(300);
-    std::string c = in.ConsumeRandomLengthString(60);
-    switch (in.ConsumeIntegralInRange<int>(0, 12)) {
+void run_operation(RuleLists& rules, fuzz::InputReader& in) {
+    const int index = in.in_range(-2, 40);
+    std::string a = in.random_length_string(120);
+    std::string b = in.random_length_string(300);
+    std::string c = in.random_length_string(60);
+    switch (in.in_range(0, 12)) {
         case 0:
             rules.add_broadcast_trigger(a, b);
             break;
@@ -96,8 +95,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     // Lists the daemon wrote itself must stay readable to the last byte
     // whatever text the operations are given.
     const bool was_well_formed = well_formed(rules.broadcast_path());
-    FuzzedDataProvider in(reinterpret_cast<const uint8_t*>(parts[1].data()), parts[1].size());
-    for (int n = 0; n < 4 && in.remaining_bytes() > 0; ++n) run_operation(rules, in);
+    fuzz::InputReader in(reinterpret_cast<const uint8_t*>(parts[1].data()), parts[1].size());
+    for (int n = 0; n < 4 && in.remaining() > 0; ++n) run_operation(rules, in);
     if (was_well_formed) {
         for (const std::string& path :
              {rules.broadcast_path(), rules.preconf_path(), rules.ctrl_path(), rules.auth_path()})

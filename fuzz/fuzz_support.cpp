@@ -129,4 +129,26 @@ std::string rule_record(std::string_view text) {
     return std::to_string(text.size()) + std::string(text);
 }
 
+int InputReader::in_range(int lo, int hi) {
+    if (pos_ >= size_ || hi <= lo) return lo;
+    const unsigned span = static_cast<unsigned>(hi - lo) + 1;
+    return lo + static_cast<int>(data_[pos_++] % span);
+}
+
+std::string InputReader::random_length_string(size_t max) {
+    std::string out;
+    while (pos_ < size_ && out.size() < max) {
+        char c = static_cast<char>(data_[pos_++]);
+        if (c == '\\') {
+            if (pos_ < size_ && data_[pos_] == '\\') {
+                ++pos_;
+            } else {
+                break;
+            }
+        }
+        out.push_back(c);
+    }
+    return out;
+}
+
 }  // namespace smsgw::fuzz

@@ -50,6 +50,24 @@ void expand_root(std::string& text, const FuzzRoot& root);
 // text grew by are dropped, so the records around it keep their sizes.
 void expand_root_in_field(std::string& bytes, const FuzzRoot& root);
 
+// Takes values off the front of an input: a choice, then strings of a
+// length the input picks, as long as bytes remain.
+class InputReader {
+  public:
+    InputReader(const uint8_t* data, size_t size) : data_(data), size_(size) {}
+    size_t remaining() const { return size_ - pos_; }
+    // A value in [lo, hi] from one byte (lo when the input is used up).
+    int in_range(int lo, int hi);
+    // Bytes up to a backslash not followed by another one (which stands
+    // for a backslash), at most `max` of them.
+    std::string random_length_string(size_t max);
+
+  private:
+    const uint8_t* data_;
+    size_t size_;
+    size_t pos_ = 0;
+};
+
 // One rule-list record: decimal length, then the text.
 std::string rule_record(std::string_view text);
 

@@ -55,22 +55,21 @@ TEST_F(RecipientsTest, WritesNumbersInTreeOrderOnce) {
               (std::vector<std::string>{"+49", "+4912", "+4930", "1", "12", "123", "13"}));
 }
 
-TEST_F(RecipientsTest, DuplicateIsRefusedAndNotCounted) {
-    EXPECT_NE(set.recipients_add("555", 0), nullptr);
-    EXPECT_EQ(set.recipients_add("555", 0), nullptr);
-    EXPECT_EQ(set.recipients_add("555", 1), nullptr);
-    EXPECT_EQ(set.recipient_count, 1);
-}
-
-TEST_F(RecipientsTest, RecordLengthBounds) {
+TEST_F(RecipientsTest, DuplicatesEmptyAndOverlongNumbersAreRefused) {
     std::string n49(49, '7'), n50(50, '8');
     EXPECT_NE(set.recipients_add(n49, 0), nullptr);
+    EXPECT_EQ(set.recipients_add(n49, 0), nullptr);
+    EXPECT_EQ(set.recipients_add(n49, 1), nullptr);
     EXPECT_EQ(set.recipients_add(n50, 0), nullptr);  // would leave no terminator
     EXPECT_EQ(set.recipients_add("", 0), nullptr);
+    EXPECT_EQ(set.recipient_count, 1);
     std::string image = written(set, dir);
     ASSERT_EQ(image.size(), 50u);
     EXPECT_EQ(image.substr(0, 49), n49);
     EXPECT_EQ(image[49], '\0');
+    // A missing list file counts as empty.
+    set.recipients_add_file(dir / "absent");
+    EXPECT_EQ(set.recipient_count, 1);
 }
 
 TEST_F(RecipientsTest, LimitStopsCountedInsertionsButNotTheFile) {
@@ -131,11 +130,6 @@ TEST_F(RecipientsTest, ClearLeavesAnEmptyReusableSet) {
     EXPECT_EQ(written(set, dir), "");
     set.recipients_add("42", 0);
     EXPECT_EQ(records(written(set, dir)), std::vector<std::string>{"42"});
-}
-
-TEST_F(RecipientsTest, MissingListFileCountsAsEmpty) {
-    set.recipients_add_file(dir / "absent");
-    EXPECT_EQ(set.recipient_count, 0);
 }
 
 }  // namespace

@@ -4,7 +4,6 @@
 
 #include <string>
 
-#include "common/bytes.h"
 #include "common/fileops.h"
 #include "common/runtime.h"
 #include "send/stats.h"
@@ -21,19 +20,10 @@ struct StatsTest : ::testing::Test {
     StatsTest() { test::prepare_root(dir.path()); }
     std::string api() { return test::read_file(dir / "var/config/api_stat.st"); }
     void api_records(std::initializer_list<int32_t> ids) {
-        std::string file(4, '\0');
-        for (int32_t id : ids) {
-            append_i32(file, id);
-            file += std::string(56, '\0');
-        }
-        test::write_file(dir / "var/config/api_stat.st", file);
+        test::write_file(dir / "var/config/api_stat.st", test::api_stat_image(ids, 0));
     }
-    int32_t id_at(size_t record) {
-        return get_i32(reinterpret_cast<const unsigned char*>(api().data()) + 4 + 60 * record);
-    }
-    int16_t status_at(size_t record) {
-        return get_i16(reinterpret_cast<const unsigned char*>(api().data()) + 8 + 60 * record);
-    }
+    int32_t id_at(size_t record) { return test::i32_at(api(), 4 + 60 * record); }
+    int16_t status_at(size_t record) { return test::i16_at(api(), 8 + 60 * record); }
 };
 
 TEST_F(StatsTest, JobStatsHaveNoFinalNewline) {
@@ -51,8 +41,8 @@ TEST_F(StatsTest, SmsCountersAreAddressedByOffset) {
     count_sms_stat(rt, 22);  // a short read changes nothing
     std::string s = test::read_file(dir / "var/config/sms_stats_file");
     ASSERT_EQ(s.size(), 24u);
-    EXPECT_EQ(get_i32(reinterpret_cast<const unsigned char*>(s.data()) + 20), 2);
-    EXPECT_EQ(get_i32(reinterpret_cast<const unsigned char*>(s.data()) + 16), 1);
+    EXPECT_EQ(test::i32_at(s, 20), 2);
+    EXPECT_EQ(test::i32_at(s, 16), 1);
 }
 
 TEST_F(StatsTest, ApiStatusLandsInTheRecordItsIdSelects) {
@@ -93,11 +83,10 @@ TEST_F(StatsTest, SlaveResultIsRecordedOnlyWithStatusSix) {
     set_api_status(rt, 5, 6);
     set_api_status(rt, 4, 7);
     std::string s = api();
-    const auto* b = reinterpret_cast<const unsigned char*>(s.data());
-    EXPECT_EQ(static_cast<uint32_t>(get_i32(b + 4 + 60 + 52)), 0x0500000au);
-    EXPECT_EQ(get_i32(b + 4 + 60 + 56), 9);
-    EXPECT_EQ(get_i32(b + 4 + 52), 0);
-    EXPECT_EQ(get_i32(b + 4 + 56), 0);
+    EXPECT_EQ(static_cast<uint32_t>(test::i32_at(s, 4 + 60 + 52)), 0x0500000au);
+    EXPECT_EQ(test::i32_at(s, 4 + 60 + 56), 9);
+    EXPECT_EQ(test::i32_at(s, 4 + 52), 0);
+    EXPECT_EQ(test::i32_at(s, 4 + 56), 0);
     int32_t words[11];
     ASSERT_TRUE(get_api_time(rt, 5, words));
     EXPECT_GE(words[5], 100);  // years since 1900

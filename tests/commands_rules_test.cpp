@@ -10,13 +10,10 @@
 #include "support/test_support.h"
 
 using namespace smsgw;
+using smsgw::test::rec;
 using smsgw::test::TempDir;
 
 namespace {
-
-std::string rec(const std::string& text) {
-    return std::to_string(text.size()) + text;
-}
 
 std::string trigger(const std::string& kw, const std::string& allowed = "[null]]|[",
                     const std::string& groups = "[null]]|[") {
@@ -40,12 +37,10 @@ class RuleListsTest : public ::testing::Test {
 
 }  // namespace
 
-TEST(RuleRecords, FormatCountsTheLeadingSeparator) {
+TEST(RuleRecords, FormatCountsTheSeparatorAndDamagedFilesStopAtTheDamage) {
     EXPECT_EQ(format_rule_record("^|^HELLO^|^ab^|^"), "16^|^HELLO^|^ab^|^");
     EXPECT_EQ(format_rule_record(""), "0");
-}
 
-TEST(RuleRecords, DamagedFilesStopAtTheDamage) {
     TempDir dir;
     const std::string good = rec("^|^a^|^b^|^");
     struct Case {
@@ -145,13 +140,6 @@ TEST_F(RuleListsTest, EditInPlaceRefusesAnotherRecordsKeyword) {
     EXPECT_EQ(read(rules.preconf_path()), rec("^|^uno^|^G]|[^|^") + rec("^|^two^|^[null]]|[^|^"));
 }
 
-TEST_F(RuleListsTest, PreconfAddRecordLayout) {
-    EXPECT_EQ(rules.add_preconf_sms("Hi there", "A]|[B]|["), "SUCCESS");
-    EXPECT_EQ(read(rules.preconf_path()), "25^|^Hi there^|^A]|[B]|[^|^");
-    EXPECT_EQ(rules.add_preconf_sms("hi THERE", "[null]]|["),
-              "ERROR:Pre Configured message already exists.");
-}
-
 TEST_F(RuleListsTest, ActionTriggerReplacesByCode) {
     std::string content;
     for (auto code : {"ADDENTRY", "ADDGROUP", "ADDPRECONFSMS", "DELENTRY", "DELGROUP"})
@@ -215,11 +203,13 @@ TEST_F(RuleListsTest, GroupUpkeepTouchesBothFiles) {
     EXPECT_EQ(read(rules.preconf_path()), rec("^|^m^|^[null]]|[^|^"));
 }
 
-TEST_F(RuleListsTest, PlantedSymlinkAtTheTemporaryNameIsNotFollowed) {
+TEST_F(RuleListsTest, PreconfAddLayoutAndAPlantedSymlinkAtTheTemporaryName) {
     std::string victim = dir / "victim";
     put(victim, "keep");
     ASSERT_EQ(::symlink(victim.c_str(), (dir / "var/run/temp_file").c_str()), 0);
-    EXPECT_EQ(rules.add_preconf_sms("x", "[null]]|["), "SUCCESS");
+    EXPECT_EQ(rules.add_preconf_sms("Hi there", "A]|[B]|["), "SUCCESS");
     EXPECT_EQ(read(victim), "keep");
-    EXPECT_EQ(read(rules.preconf_path()), "19^|^x^|^[null]]|[^|^");
+    EXPECT_EQ(read(rules.preconf_path()), "25^|^Hi there^|^A]|[B]|[^|^");
+    EXPECT_EQ(rules.add_preconf_sms("hi THERE", "[null]]|["),
+              "ERROR:Pre Configured message already exists.");
 }

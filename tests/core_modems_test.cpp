@@ -170,23 +170,16 @@ struct ShortLivedTxrx {
     }
 };
 
-TEST(CoreTxrxSupervisor, OneChildPerModemLineWithTheDeviceAsArgument) {
-    ShortLivedTxrx s;
-    TxrxSupervisor sup(s.rt);
-    EXPECT_EQ(sup.spawn_txrx_for_each_modem().size(), 2u);
-    ASSERT_TRUE(test::wait_for([&] { return s.starts() == 2; }));
-    std::string log = test::read_file(s.log);
-    EXPECT_NE(log.find(s.root.path() + "/bin/txrx /dev/ttyS0\n"), std::string::npos) << log;
-    EXPECT_NE(log.find(s.root.path() + "/bin/txrx /dev/ttyS3\n"), std::string::npos) << log;
-    s.rt.txrx_enabled = 0;  // nothing is restarted; children are still reaped at the end
-    sup.txrx_monitor();
-}
-
-TEST(CoreTxrxSupervisor, AZombieTxrxRestartsEveryModemAndIsReaped) {
+TEST(CoreTxrxSupervisor, OneChildPerModemAndAZombieRestartsEveryModem) {
     ShortLivedTxrx s;
     TxrxSupervisor sup(s.rt);
     std::vector<pid_t> first = sup.spawn_txrx_for_each_modem();
     ASSERT_EQ(first.size(), 2u);
+    // Each child gets its modem line's device as the argument.
+    ASSERT_TRUE(test::wait_for([&] { return s.starts() == 2; }));
+    const std::string log = test::read_file(s.log);
+    EXPECT_NE(log.find(s.root.path() + "/bin/txrx /dev/ttyS0\n"), std::string::npos) << log;
+    EXPECT_NE(log.find(s.root.path() + "/bin/txrx /dev/ttyS3\n"), std::string::npos) << log;
     ASSERT_TRUE(test::wait_for([&] { return process_state(first[1]) == "zombie"; }));
 
     // While a dial-out holds the modem nothing is restarted.

@@ -72,6 +72,26 @@ struct Group {
     std::unique_ptr<Group> next;
 };
 
+// Names inserted in table order, as the start-up load inserts them, share
+// most of their walk with the name before: a cursor keeps the nodes that
+// walk descended through, and the next insertion starts below those it
+// shares. Holds pointers into one table. REQUIRES: nothing is deleted from
+// that table, and its tree is changed only through ab_insert, while the
+// cursor is in use.
+class InsertCursor {
+  private:
+    friend class AddressBook;
+    struct Descent {
+        size_t end;                       // the name's bytes before `end` are matched
+        std::unique_ptr<TrieNode>* link;  // the walk goes on here
+    };
+    // Sets the walk's start for `name` and remembers the name.
+    void resume(std::string_view name, size_t& p, std::unique_ptr<TrieNode>*& link);
+
+    std::vector<Descent> path_;
+    std::string last_name_;
+};
+
 class AddressBook {
   public:
     static constexpr int MAX_ELEMENTS = 20000;
@@ -90,6 +110,9 @@ class AddressBook {
     // (limit: "Exceeded MAX Limit"; duplicate: "ERROR:Rejected - Duplicate
     // Entry"). Success leaves "SUCCESS" in the reply buffer.
     TrieNode* ab_insert(std::string_view name, std::string_view number,
+                        std::string_view description);
+    // The same, walking from where the cursor's previous insertion went.
+    TrieNode* ab_insert(InsertCursor& cursor, std::string_view name, std::string_view number,
                         std::string_view description);
     // "SUCCESS" and the node, or "ERROR:Key Not Found" and nullptr.
     TrieNode* ab_find(std::string_view name);
@@ -147,6 +170,8 @@ class AddressBook {
     enum class Visit { kGoOn, kSkipBranch, kStop };
 
     Place walk_to(std::string_view name);
+    TrieNode* insert(InsertCursor* cursor, std::string_view name, std::string_view number,
+                     std::string_view description);
     TrieNode* add_to_node(TrieNode* node, std::string_view name, std::string_view number,
                           std::string_view description);
     TrieNode* stored(TrieNode* node);

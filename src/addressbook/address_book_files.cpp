@@ -117,6 +117,9 @@ void load_contacts(AddressBook& ab, const std::string& path) {
     std::vector<Group*> by_position;
     for (Group* g = ab.first_group(); g; g = g->next.get()) by_position.push_back(g);
     LineReader reader(f.get());
+    // The file is in table order: each name mostly shares its walk with the
+    // one before.
+    InsertCursor walk;
     std::string_view line;
     std::string name_copy, number_copy, long_description;
     int counter = 1;
@@ -145,7 +148,7 @@ void load_contacts(AddressBook& ab, const std::string& path) {
             description = long_description;
         }
 
-        TrieNode* node = ab.ab_insert(name, number, description);
+        TrieNode* node = ab.ab_insert(walk, name, number, description);
         if (!node) continue;
         Entry* entry = AddressBook::ab_find_number(node->entries.get(), number);
         if (!entry) continue;

@@ -88,6 +88,16 @@ TrieNode* AddressBook::stored(TrieNode* node) {
 
 TrieNode* AddressBook::ab_insert(std::string_view name, std::string_view number,
                                  std::string_view description) {
+    return insert(nullptr, name, number, description);
+}
+
+TrieNode* AddressBook::ab_insert(InsertCursor& cursor, std::string_view name,
+                                 std::string_view number, std::string_view description) {
+    return insert(&cursor, name, number, description);
+}
+
+TrieNode* AddressBook::insert(InsertCursor* cursor, std::string_view name, std::string_view number,
+                              std::string_view description) {
     name = cstr(name);
     number = cstr(number);
     description = cstr(description);
@@ -105,6 +115,7 @@ TrieNode* AddressBook::ab_insert(std::string_view name, std::string_view number,
 
     size_t p = 0;
     std::unique_ptr<TrieNode>* link = &trie_root_.sibling;
+    if (cursor) cursor->resume(name, p, link);
     for (;;) {
         TrieNode* node = link->get();
         std::string_view rest = name.substr(p);
@@ -163,7 +174,22 @@ TrieNode* AddressBook::ab_insert(std::string_view name, std::string_view number,
         }
         p += k;
         link = &node->child;
+        if (cursor) cursor->path_.push_back({p, link});
     }
+}
+
+void InsertCursor::resume(std::string_view name, size_t& p, std::unique_ptr<TrieNode>*& link) {
+    // The walk of `name` passes the same nodes as the one before as far as
+    // the two names agree (ignoring case); the last name never ends at a
+    // descent, so a kept one always leaves some of `name` to walk.
+    size_t shared = common_prefix(name, last_name_);
+    while (!path_.empty() && (path_.back().end > shared || path_.back().end >= name.size()))
+        path_.pop_back();
+    if (!path_.empty()) {
+        p = path_.back().end;
+        link = path_.back().link;
+    }
+    last_name_.assign(name);
 }
 
 TrieNode* AddressBook::add_to_node(TrieNode* node, std::string_view name, std::string_view number,

@@ -40,12 +40,7 @@ std::string key_line(std::string_view key, std::string_view value) {
 bool write_key(const std::string& path, const std::string& temp, std::string_view key,
                std::string_view value) {
     FilePtr in = open_file(path, "r");
-    if (!in) {
-        FilePtr created = open_file(path, "w");
-        if (!created) return false;
-        bool ok = put(created.get(), key_line(key, value));
-        return std::fclose(created.release()) == 0 && ok;
-    }
+    if (!in) return write_file_atomic(path, key_line(key, value));
     FilePtr out = open_fixed_temp(temp, "w");
     if (!out) return false;
     bool matched = false;

@@ -101,8 +101,22 @@ bool write_file_atomic(const std::string& path, std::string_view content) {
     return true;
 }
 
+namespace {
+
+// The daemon's own files live at fixed names in directories others may
+// write to: a symlink planted at such a name is replaced, never followed.
+int open_own_file(const std::string& path, int flags) {
+    flags |= O_NOFOLLOW | O_CLOEXEC;
+    int fd = ::open(path.c_str(), flags, 0644);
+    if (fd < 0 && errno == ELOOP && ::unlink(path.c_str()) == 0)
+        fd = ::open(path.c_str(), flags, 0644);
+    return fd;
+}
+
+}  // namespace
+
 bool write_file(const std::string& path, std::string_view content) {
-    Fd fd(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+    Fd fd(open_own_file(path, O_WRONLY | O_CREAT | O_TRUNC));
     if (!fd) return false;
     bool ok = write_all(fd.get(), content);
     return fd.close_checked() && ok;
@@ -113,14 +127,14 @@ bool truncate_file(const std::string& path, long long size) {
 }
 
 bool append_file(const std::string& path, std::string_view content) {
-    Fd fd(::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644));
+    Fd fd(open_own_file(path, O_WRONLY | O_CREAT | O_APPEND));
     if (!fd) return false;
     bool ok = write_all(fd.get(), content);
     return fd.close_checked() && ok;
 }
 
 bool touch_file(const std::string& path) {
-    Fd fd(::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
+    Fd fd(open_own_file(path, O_WRONLY | O_CREAT));
     return fd.valid();
 }
 

@@ -180,6 +180,36 @@ TEST_F(Files, BadLinesAreSkippedWithoutHarm) {
     }
 }
 
+// The reader looks at lines where they lie in its 64 KiB blocks; a line
+// that a block boundary cuts, at any byte, must load as if it were whole.
+TEST_F(Files, LinesAcrossReadBlocksLoadWhole) {
+    constexpr size_t kBlock = size_t{64} * 1024;
+    // A description over two lines, then a NUL that ends its line's text
+    // (so that description runs to the end of the file).
+    const std::string targets =
+        "Target^|^42^|^two\nlines^|^1,^|^\n" + std::string("Nul^|^7^|^a\0b^|^1,^|^\n", 22);
+    for (size_t at = 0; at <= targets.size(); ++at) {
+        std::string file;
+        std::vector<std::string> want;
+        for (int i = 0; file.size() < kBlock - at; ++i) {
+            std::string head = "f" + std::to_string(100000 + i) + "^|^" + std::to_string(i) + "^|^";
+            size_t room = kBlock - at - file.size() - head.size() - 7;  // "^|^^|^\n"
+            std::string desc(room < 60 ? room : 30, 'd');
+            file += head + desc + "^|^^|^\n";
+            want.push_back("f" + std::to_string(100000 + i) + "|" + std::to_string(i) + "|" + desc);
+        }
+        ASSERT_EQ(file.size(), kBlock - at);
+        file += targets;
+        want.push_back("Nul|7|a");
+        want.push_back("Target|42|two\nlines");
+        seed(file, "g\n");
+        AddressBook ab(reply);
+        ab_load(ab, rt);
+        ASSERT_EQ(entries(ab), want) << "boundary at byte " << at;
+        EXPECT_EQ(members(ab.first_group()), std::vector<std::string>{"Target/42"});
+    }
+}
+
 TEST_F(Files, GroupPositionsThatAreNotGroupsAreIgnored) {
     seed(
         "A^|^1^|^^|^-1,99999999999,abc,0,7,,2^|^\n"
@@ -228,12 +258,14 @@ TEST_F(Files, SaveAgreesWithPerEntryMembershipScan) {
             std::string number = std::string(1, "xX1"[rng() % 3]) + std::to_string(rng() % 4);
             contacts.emplace_back(name, number);
         }
+        // Now and then every group there may be: positions of two digits.
+        const int group_total = round % 5 == 4 ? AddressBook::MAX_GROUPS : 4;
         for (auto* ab : {&fast, &slow}) {
             std::vector<Entry*> entries;
             for (auto& [n, num] : contacts)
                 if (TrieNode* node = ab->ab_insert(n, num, "d"))
                     entries.push_back(AddressBook::ab_find_number(node->entries.get(), num));
-            for (int g = 0; g < 4; ++g) ab->group_append_loaded("g" + std::to_string(g));
+            for (int g = 0; g < group_total; ++g) ab->group_append_loaded("g" + std::to_string(g));
             std::mt19937 same(static_cast<unsigned>(round));  // same lists in both books
             int gi = 0;
             for (Group* g = ab->first_group(); g; g = g->next.get(), ++gi) {

@@ -75,9 +75,9 @@ struct Group {
 // Names inserted in table order, as the start-up load inserts them, share
 // most of their walk with the name before: a cursor keeps the nodes that
 // walk descended through, and the next insertion starts below those it
-// shares. Holds pointers into one table. REQUIRES: nothing is deleted from
-// that table, and its tree is changed only through ab_insert, while the
-// cursor is in use.
+// shares. Holds pointers into one table. REQUIRES: while the cursor is in
+// use, that table's tree changes only through insertions with this cursor
+// (no deletion, no insertion without it).
 class InsertCursor {
   private:
     friend class AddressBook;

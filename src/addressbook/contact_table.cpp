@@ -180,8 +180,8 @@ TrieNode* AddressBook::insert(InsertCursor* cursor, std::string_view name, std::
 
 void InsertCursor::resume(std::string_view name, size_t& p, std::unique_ptr<TrieNode>*& link) {
     // The walk of `name` passes the same nodes as the one before as far as
-    // the two names agree (ignoring case); the last name never ends at a
-    // descent, so a kept one always leaves some of `name` to walk.
+    // the two names agree (ignoring case). A walk goes on below a node only
+    // while the name goes on, so a descent at the name's end is dropped too.
     size_t shared = common_prefix(name, last_name_);
     while (!path_.empty() && (path_.back().end > shared || path_.back().end >= name.size()))
         path_.pop_back();

@@ -328,6 +328,39 @@ Fd open_append(const std::string& path) {
 
 }  // namespace
 
+void JobQueue::note_queue_full(const std::string* api_path) {
+    write_file(rt_.path("/var/Jobs/jobfull"), "");
+    job_full = 1;
+    if (api_path) {
+        set_api_status(rt_, last_dash_number(*api_path), 608);
+        set_api_status(rt_, last_dash_number(*api_path), 608);
+    }
+}
+
+bool JobQueue::append_record(Fd& out, std::string_view header, const std::string& body_path,
+                             int32_t job_ln, const std::string& target,
+                             const std::string& body_rollback, long long old_size) {
+    if (!write_all(out.get(), header.data(), header.size())) {
+        out.reset();
+        truncate_file(target, old_size);
+        return false;
+    }
+    // Counted before the body is copied; a failed copy does not take it back.
+    TOTAL_SIZE += job_ln + static_cast<long>(kHeaderSize);
+    if (!copy_job_body(out.get(), body_path, job_ln) || ::fsync(out.get()) != 0) {
+        out.reset();
+        truncate_file(body_rollback, old_size);
+        return false;
+    }
+    out.reset();
+    return true;
+}
+
+void JobQueue::count_queued_job() {
+    ++rt_.jobs_to_txrx_count;
+    write_job_stats(rt_, rt_.jobs_to_txrx_count, sender_.peer_reply_count, sender_.handoff_count);
+}
+
 void JobQueue::add_to_pending_jobs(std::string_view line) {
     trace("In fun %s\n", "add_to_pending_jobs");
     trace("Pending jobs : %s\n", pending_file(P_POS).c_str());
@@ -348,39 +381,19 @@ void JobQueue::add_to_pending_jobs(std::string_view line) {
     if (!out || TOTAL_SIZE >= MAX_JOBS_FILE_LN || body > INT32_MAX - 108) {
         trace("Crossed limit TOTAL_SIZE = %ld, MAX_JOBS_FILE_LN=%ld\n", TOTAL_SIZE,
               MAX_JOBS_FILE_LN);
-        if (TOTAL_SIZE >= MAX_JOBS_FILE_LN) {
-            write_file(rt_.path("/var/Jobs/jobfull"), "");
-            job_full = 1;
-            if (api) {
-                set_api_status(rt_, last_dash_number(path), 608);
-                set_api_status(rt_, last_dash_number(path), 608);
-            }
-        }
+        if (TOTAL_SIZE >= MAX_JOBS_FILE_LN) note_queue_full(api ? &path : nullptr);
         remove_file(path);
         return;
     }
     auto job_ln = static_cast<int32_t>(body);
     std::string header = encode_job_header(job_ln, l_job_ln[L_POS], line);
-    if (!write_all(out.get(), header.data(), header.size())) {
-        out.reset();
-        truncate_file(target, old_size);
-        return;
-    }
-    // Counted before the body is copied; a failed copy does not take it back.
-    TOTAL_SIZE += job_ln + static_cast<long>(kHeaderSize);
     trace(" job.job_ln  = %d,job.p_job_ln = %d, job.jobfromrom=%s\n", job_ln, l_job_ln[L_POS],
           std::string(line).c_str());
-    if (!copy_job_body(out.get(), path, job_ln) || ::fsync(out.get()) != 0) {
-        out.reset();
-        truncate_file(target, old_size);
-        return;
-    }
-    out.reset();
+    if (!append_record(out, header, path, job_ln, target, target, old_size)) return;
     int32_t record = job_ln + static_cast<int32_t>(kHeaderSize);
     trace("(job.job_ln + sizeof(job)) = %d\n", record);
     update_job_pos_table(record, L_POS);
-    ++rt_.jobs_to_txrx_count;
-    write_job_stats(rt_, rt_.jobs_to_txrx_count, sender_.peer_reply_count, sender_.handoff_count);
+    count_queued_job();
 }
 
 void JobQueue::add_to_pending_jobs_broadcasttrigger(const std::string* path, long length) {
@@ -401,10 +414,7 @@ void JobQueue::add_to_pending_jobs_broadcasttrigger(const std::string* path, lon
     if (path) out = open_append(target);
     if (!out || TOTAL_SIZE >= MAX_JOBS_FILE_LN || length > INT32_MAX - 108) {
         trace("TOTAL_SIZE = %ld, MAX_JOBS_FILE_LN=%ld\n", TOTAL_SIZE, MAX_JOBS_FILE_LN);
-        if (TOTAL_SIZE >= MAX_JOBS_FILE_LN) {
-            write_file(rt_.path("/var/Jobs/jobfull"), "");
-            job_full = 1;
-        }
+        if (TOTAL_SIZE >= MAX_JOBS_FILE_LN) note_queue_full(nullptr);
         if (path) remove_file(*path);
         return;
     }
@@ -414,20 +424,8 @@ void JobQueue::add_to_pending_jobs_broadcasttrigger(const std::string* path, lon
     }
     auto job_ln = static_cast<int32_t>(length);
     std::string header = encode_job_header(job_ln, l_job_ln[L_POS], from);
-    if (!write_all(out.get(), header.data(), header.size())) {
-        out.reset();
-        truncate_file(target, old_size);
-        return;
-    }
-    TOTAL_SIZE += job_ln + static_cast<long>(kHeaderSize);
-    if (!copy_job_body(out.get(), *path, job_ln) || ::fsync(out.get()) != 0) {
-        out.reset();
-        truncate_file(target, old_size);
-        return;
-    }
-    out.reset();
-    ++rt_.jobs_to_txrx_count;
-    write_job_stats(rt_, rt_.jobs_to_txrx_count, sender_.peer_reply_count, sender_.handoff_count);
+    if (!append_record(out, header, *path, job_ln, target, target, old_size)) return;
+    count_queued_job();
     update_job_pos_table(job_ln + static_cast<int32_t>(kHeaderSize), L_POS);
 }
 
@@ -436,6 +434,8 @@ int JobQueue::add_to_permodem_pending_jobs(std::string_view line) {
     auto arg = request_argument(line);
     if (!arg) return -1;
     const std::string& path = *arg;  // an "api " prefix stays part of it
+    const bool api = starts_with(path, "api ");
+    const std::string file = api ? path.substr(4) : path;
     std::string target = permodem_file();
     long long old_size = file_size(target);
     Fd out = open_append(target);
@@ -443,32 +443,15 @@ int JobQueue::add_to_permodem_pending_jobs(std::string_view line) {
     if (!out || TOTAL_SIZE >= MAX_JOBS_FILE_LN || body > INT32_MAX - 108) {
         trace("Crossed limit TOTAL_SIZE = %ld, MAX_JOBS_FILE_LN=%ld\n", TOTAL_SIZE,
               MAX_JOBS_FILE_LN);
-        if (TOTAL_SIZE >= MAX_JOBS_FILE_LN) {
-            write_file(rt_.path("/var/Jobs/jobfull"), "");
-            job_full = 1;
-            if (starts_with(path, "api ")) {
-                set_api_status(rt_, last_dash_number(path.substr(4)), 608);
-                set_api_status(rt_, last_dash_number(path.substr(4)), 608);
-            }
-        }
-        remove_file(starts_with(path, "api ") ? path.substr(4) : path);
+        if (TOTAL_SIZE >= MAX_JOBS_FILE_LN) note_queue_full(api ? &file : nullptr);
+        remove_file(file);
         return -1;
     }
     auto job_ln = static_cast<int32_t>(body);
     std::string header = encode_job_header(job_ln, 0, line);
-    if (!write_all(out.get(), header.data(), header.size())) {
-        out.reset();
-        truncate_file(target, old_size);
-        return -1;
-    }
-    TOTAL_SIZE += job_ln + static_cast<long>(kHeaderSize);
-    if (!copy_job_body(out.get(), path, job_ln) || ::fsync(out.get()) != 0) {
-        out.reset();
-        // The rollback cuts the ring's write file, not the per-modem file:
-        // the queue has always recovered this way and depends on it.
-        truncate_file(pending_file(L_POS), old_size);
-        return -1;
-    }
+    // A failed body cuts the ring's write file, not the per-modem file: the
+    // queue has always recovered this way and depends on it.
+    if (!append_record(out, header, path, job_ln, target, pending_file(L_POS), old_size)) return -1;
     permodem_written = 1;
     return 0;
 }

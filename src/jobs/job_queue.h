@@ -13,6 +13,7 @@
 #include <string>
 #include <string_view>
 
+#include "common/fileops.h"
 #include "common/runtime.h"
 #include "send/sender.h"
 
@@ -134,6 +135,16 @@ class JobQueue {
     // Removes the consumed record and stores the table.
     void bookkeeping(int mode, const JobHeader& h, bool from_permodem);
     int write_permodem_request(const std::string& path);
+    // The queue is over its limit: "/var/Jobs/jobfull" marks it, and an api
+    // request (request file `api_path`) is told so.
+    void note_queue_full(const std::string* api_path);
+    // Appends one record to `out`: the header, then the body copied from
+    // `body_path`, synced. A failed header cuts `target`, a failed body
+    // `body_rollback`, back to `old_size`.
+    bool append_record(Fd& out, std::string_view header, const std::string& body_path,
+                       int32_t job_ln, const std::string& target, const std::string& body_rollback,
+                       long long old_size);
+    void count_queued_job();
 
     Runtime& rt_;
     Sender& sender_;

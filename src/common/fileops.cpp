@@ -54,7 +54,7 @@ std::optional<std::string> read_file(const std::string& path, size_t max_bytes) 
     return out;
 }
 
-static bool write_all(int fd, std::string_view data) {
+bool write_all(int fd, std::string_view data) {
     while (!data.empty()) {
         ssize_t n = ::write(fd, data.data(), data.size());
         if (n < 0 && errno == EINTR) continue;

@@ -66,6 +66,9 @@ bool write_file_atomic(const std::string& path, std::string_view content);
 // Durable rename of an already written temporary file over `path`.
 bool replace_file(const std::string& temp, const std::string& path);
 
+// Writes all of `data` to `fd` (retrying short writes and EINTR).
+bool write_all(int fd, std::string_view data);
+
 // Plain (non-atomic) write, truncating: the "> FILE" of a shell. These
 // writers (and touch_file) replace a symlink at the name instead of
 // following it: they are only used on names the daemon forms itself.

@@ -31,18 +31,6 @@ constexpr size_t kBroadcastText = 160;
 constexpr int kFiles = 9;
 constexpr long long kEmptyFile = -1;  // repair result: nothing worth keeping
 
-bool write_all(int fd, const void* data, size_t n) {
-    const char* p = static_cast<const char*>(data);
-    while (n > 0) {
-        ssize_t w = ::write(fd, p, n);
-        if (w < 0 && errno == EINTR) continue;
-        if (w <= 0) return false;
-        p += w;
-        n -= static_cast<size_t>(w);
-    }
-    return true;
-}
-
 bool pread_header(int fd, long long offset, JobHeader& h) {
     unsigned char b[JobHeader::kSize];
     if (::pread(fd, b, sizeof b, static_cast<off_t>(offset)) != static_cast<ssize_t>(sizeof b))
@@ -133,7 +121,7 @@ bool copy_job_body(int out_fd, const std::string& path, long long length) {
         ssize_t n = ::read(in.get(), buf, want);
         if (n < 0 && errno == EINTR) continue;
         if (n <= 0) break;
-        if (!write_all(out_fd, buf, static_cast<size_t>(n))) break;
+        if (!write_all(out_fd, std::string_view(buf, static_cast<size_t>(n)))) break;
         copied += n;
     }
     in.reset();
@@ -340,7 +328,7 @@ void JobQueue::note_queue_full(const std::string* api_path) {
 bool JobQueue::append_record(Fd& out, std::string_view header, const std::string& body_path,
                              int32_t job_ln, const std::string& target,
                              const std::string& body_rollback, long long old_size) {
-    if (!write_all(out.get(), header.data(), header.size())) {
+    if (!write_all(out.get(), header)) {
         out.reset();
         truncate_file(target, old_size);
         return false;
@@ -484,7 +472,7 @@ int JobQueue::write_permodem_request(const std::string& path) {
     Fd fd(::open(path.c_str(), O_WRONLY | O_TRUNC | O_NOFOLLOW | O_CLOEXEC));
     if (!fd) return -1;
     std::string image = build_request_file("admin", current_broadcast->text, numbers, "", "");
-    if (!write_all(fd.get(), image.data(), image.size())) return -1;
+    if (!write_all(fd.get(), image)) return -1;
     return fd.close_checked() ? 0 : -1;
 }
 

@@ -50,6 +50,13 @@ TEST(FileOps, WritersReplaceAPlantedSymlinkInsteadOfFollowingIt) {
     ASSERT_EQ(::symlink(nowhere.c_str(), name.c_str()), 0);
     EXPECT_TRUE(append_file(name, "x"));
     EXPECT_FALSE(file_exists(nowhere));
+
+    // A rollback cut does not reach through a link either.
+    test::write_file(victim, "keep");
+    ::unlink(name.c_str());
+    ASSERT_EQ(::symlink(victim.c_str(), name.c_str()), 0);
+    EXPECT_FALSE(truncate_file(name, 1));
+    EXPECT_EQ(test::read_file(victim), "keep");
 }
 
 TEST(FileOps, AppendKeepsContentAndAtomicReplaceLeavesNoTemporary) {

@@ -123,7 +123,8 @@ bool write_file(const std::string& path, std::string_view content) {
 }
 
 bool truncate_file(const std::string& path, long long size) {
-    return ::truncate(path.c_str(), static_cast<off_t>(size)) == 0;
+    Fd fd(::open(path.c_str(), O_WRONLY | O_NOFOLLOW | O_CLOEXEC));
+    return fd && ::ftruncate(fd.get(), static_cast<off_t>(size)) == 0;
 }
 
 bool append_file(const std::string& path, std::string_view content) {

@@ -73,7 +73,7 @@ bool write_all(int fd, std::string_view data);
 // writers (and touch_file) replace a symlink at the name instead of
 // following it: they are only used on names the daemon forms itself.
 bool write_file(const std::string& path, std::string_view content);
-bool truncate_file(const std::string& path, long long size);
+bool truncate_file(const std::string& path, long long size);  // never through a symlink
 bool append_file(const std::string& path, std::string_view content);
 bool touch_file(const std::string& path);
 bool make_dir(const std::string& path);   // true also when it exists

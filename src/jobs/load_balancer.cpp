@@ -1,6 +1,7 @@
 #include "jobs/load_balancer.h"
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 
 #include <cstdio>
 #include <string>
@@ -62,8 +63,12 @@ bool handle_load_balancer_message(std::string_view text, Runtime& rt, JobQueue& 
 
 void outbox_slave_update(Runtime& rt) {
     const std::string path = rt.path("/var/Outbox/outbox_slave_tmp");
-    FilePtr file = open_file(path, "r+");
+    // Rewritten in place, so never through a symlink planted at the name.
+    Fd fd(::open(path.c_str(), O_RDWR | O_NOFOLLOW | O_CLOEXEC));
+    if (!fd) return;
+    FilePtr file(::fdopen(fd.get(), "r+"));
     if (!file) return;
+    fd.release();
     unsigned char word[4];
     if (std::fread(word, 1, sizeof word, file.get()) != sizeof word) return;
     const long long offset = static_cast<long long>(get_i32(word)) + 4;

@@ -112,8 +112,11 @@ JobHeader decode_job_header(const unsigned char* bytes) {
 }
 
 bool copy_job_body(int out_fd, const std::string& path, long long length) {
-    Fd in(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    if (!in) return false;
+    // The name was checked before; if it was swapped for a link or a FIFO
+    // since, nothing is read through it.
+    Fd in(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    struct stat st {};
+    if (!in || ::fstat(in.get(), &st) != 0 || !S_ISREG(st.st_mode)) return false;
     long long copied = 0;
     char buf[kBodyChunk];
     while (copied < length) {

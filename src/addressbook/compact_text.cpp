@@ -7,6 +7,15 @@
 
 namespace smsgw {
 
+namespace {
+
+// Only where size_t is wider than 32 bits can a size not fit.
+constexpr bool fits_in_32_bits(uint64_t n) {
+    return n <= UINT32_MAX;
+}
+
+}  // namespace
+
 void CompactText::assign(std::string_view text) {
     const size_t n = text.size();
     if (n <= kInline) {
@@ -18,7 +27,7 @@ void CompactText::assign(std::string_view text) {
         set_inline_size(n);
         return;
     }
-    if (static_cast<uint64_t>(n) > UINT32_MAX) throw std::length_error("CompactText");
+    if (!fits_in_32_bits(n)) throw std::length_error("CompactText");
     char* p = static_cast<char*>(std::malloc(n + 1));
     if (!p) throw std::bad_alloc();
     std::memcpy(p, text.data(), n);

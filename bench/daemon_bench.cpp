@@ -14,16 +14,10 @@
 //   daemon_bench                 the benchmark (smsgwd and txrx-sim are taken
 //                                from the build directory above this one)
 //   daemon_bench baseline DIR PORT
-#include <arpa/inet.h>
 #include <fcntl.h>
-#include <netinet/in.h>
-#include <poll.h>
 #include <signal.h>
 #include <sys/ipc.h>
-#include <sys/select.h>
 #include <sys/shm.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -45,8 +39,9 @@
 #include "addressbook/address_book_files.h"
 #include "common/fileops.h"
 #include "common/runtime.h"
+#include "support/test_support.h"
 
-namespace fs = std::filesystem;
+namespace test = smsgw::test;
 using Clock = std::chrono::steady_clock;
 
 namespace {
@@ -67,18 +62,10 @@ double seconds_since(Clock::time_point t0) {
     return std::chrono::duration<double>(Clock::now() - t0).count();
 }
 
-sockaddr_in loopback(int port) {
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_port = htons(static_cast<uint16_t>(port));
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    return a;
-}
-
 // ---------------------------------------------------------------- baseline
 
 // What any daemon of this kind must do at least: read the files, answer a
-// request, sleep in select.
+// request, sleep with a 2-second timeout.
 int run_baseline(const std::string& root, int port) {
     std::vector<std::vector<std::string>> lines;
     for (const char* f : {"/var/AddressBook/Address_Book", "/var/AddressBook/groups"}) {
@@ -94,24 +81,16 @@ int run_baseline(const std::string& root, int port) {
             lines.push_back(std::move(fields));
         }
     }
-    int fd = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    sockaddr_in a = loopback(port);
-    if (fd < 0 || ::bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0) return 1;
+    test::UdpListener server(port);
+    if (!server.ok()) return 1;
     const std::string answer = std::to_string(lines.size());
-    char buf[2048];
     for (;;) {
-        fd_set set;
-        FD_ZERO(&set);
-        FD_SET(fd, &set);
-        timeval tv{2, 0};
-        if (::select(fd + 1, &set, nullptr, nullptr, &tv) <= 0) continue;
-        sockaddr_in from{};
-        socklen_t len = sizeof from;
-        ssize_t n = ::recvfrom(fd, buf, sizeof buf, 0, reinterpret_cast<sockaddr*>(&from), &len);
+        auto got = server.receive(std::chrono::seconds(2));
         // The length datagram is all digits; the request that follows is answered.
-        if (n <= 0 || std::all_of(buf, buf + n, [](char c) { return c >= '0' && c <= '9'; }))
+        if (!got || got->empty() ||
+            std::all_of(got->begin(), got->end(), [](char c) { return c >= '0' && c <= '9'; }))
             continue;
-        ::sendto(fd, answer.data(), answer.size(), 0, reinterpret_cast<sockaddr*>(&from), len);
+        server.reply(answer);
     }
 }
 
@@ -167,69 +146,39 @@ Seed make_seed(const std::string& scratch, bool with_groups) {
     return seed;
 }
 
-void write_text(const fs::path& p, const std::string& content) {
-    fs::create_directories(p.parent_path());
-    std::ofstream(p, std::ios::binary) << content;
-}
-
 // The daemon empties its address-book directory after loading it, so the
 // files are put back before every start.
-void seed_root(const fs::path& root, const Seed& seed) {
-    write_text(root / "var/AddressBook/Address_Book", seed.book);
-    if (!seed.groups.empty()) write_text(root / "var/AddressBook/groups", seed.groups);
-}
-
-fs::path make_root(const std::string& txrx_sim) {
-    char tmpl[] = "/tmp/daemon_bench.XXXXXX";
-    if (!::mkdtemp(tmpl)) return {};
-    fs::path root = tmpl;
-    for (const char* d : {"var/run", "var/config", "var/Jobs", "var/Outbox", "var/Inbox",
-                          "var/AddressBook", "var/tmp", "tmp", "dev", "bin", "sbin"})
-        fs::create_directories(root / d);
-    write_text(root / "var/config/api_stat.st", std::string(4, '\0'));
-    for (const char* f : {"trigger_broadcast", "preconf_sms", "trigger_ctrl", "authenticate_list"})
-        write_text(root / "var/config" / f, "");
-    std::error_code ec;
-    fs::create_symlink(txrx_sim, root / "bin/txrx", ec);
-    for (const char* p :
-         {"bin/msntp", "bin/http-client", "bin/date", "sbin/create_address_book_tar"}) {
-        write_text(root / p, "#!/bin/sh\nexit 0\n");
-        fs::permissions(root / p, fs::perms::owner_all, ec);
-    }
-    return root;
+void seed_root(const std::string& root, const Seed& seed) {
+    test::write_file(root + "/var/AddressBook/Address_Book", seed.book);
+    if (!seed.groups.empty()) test::write_file(root + "/var/AddressBook/groups", seed.groups);
 }
 
 // ------------------------------------------------------------- processes
 
-// A child in its own process group, so that stopping it also stops what it
-// started (the transceivers).
-class Process {
+// This program in its baseline role. Its pid is what the /proc readings
+// need, hence no test::Child. Killed and reaped at the end.
+class Baseline {
   public:
-    explicit Process(std::vector<std::string> argv) {
+    Baseline(const std::string& self, const std::string& root, int port) {
+        const std::string port_arg = std::to_string(port);
         pid_ = ::fork();
-        if (pid_ == 0) {
-            ::setpgid(0, 0);
-            int null = ::open("/dev/null", O_WRONLY);
-            if (null >= 0) {
-                ::dup2(null, 1);
-                ::dup2(null, 2);
-            }
-            std::vector<char*> args;
-            for (auto& a : argv) args.push_back(a.data());
-            args.push_back(nullptr);
-            ::execv(args[0], args.data());
-            ::_exit(127);
+        if (pid_ != 0) return;
+        int null = ::open("/dev/null", O_WRONLY);
+        if (null >= 0) {
+            ::dup2(null, 1);
+            ::dup2(null, 2);
         }
-        if (pid_ > 0) ::setpgid(pid_, pid_);
+        ::execl(self.c_str(), self.c_str(), "baseline", root.c_str(), port_arg.c_str(),
+                static_cast<char*>(nullptr));
+        ::_exit(127);
     }
-    ~Process() {
+    ~Baseline() {
         if (pid_ <= 0) return;
-        ::kill(-pid_, SIGKILL);
         ::kill(pid_, SIGKILL);
         ::waitpid(pid_, nullptr, 0);
     }
-    Process(const Process&) = delete;
-    Process& operator=(const Process&) = delete;
+    Baseline(const Baseline&) = delete;
+    Baseline& operator=(const Baseline&) = delete;
     pid_t pid() const { return pid_; }
     bool running() const { return pid_ > 0 && ::waitpid(pid_, nullptr, WNOHANG) == 0; }
 
@@ -237,45 +186,16 @@ class Process {
     pid_t pid_ = -1;
 };
 
-class Client {
-  public:
-    Client() {
-        fd_ = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-        sockaddr_in a = loopback(0);
-        ::bind(fd_, reinterpret_cast<sockaddr*>(&a), sizeof a);
-    }
-    ~Client() { ::close(fd_); }
-    Client(const Client&) = delete;
-    Client& operator=(const Client&) = delete;
-
-    std::optional<std::string> request(int port, const std::string& text, int timeout_ms) {
-        send(port, std::to_string(text.size()));
-        send(port, text);
-        pollfd p{fd_, POLLIN, 0};
-        if (::poll(&p, 1, timeout_ms) <= 0) return std::nullopt;
-        char buf[4096];
-        ssize_t n = ::recv(fd_, buf, sizeof buf, 0);
-        if (n < 0) return std::nullopt;
-        return std::string(buf, static_cast<size_t>(n));
-    }
-
-  private:
-    void send(int port, const std::string& data) {
-        sockaddr_in a = loopback(port);
-        ::sendto(fd_, data.data(), data.size(), 0, reinterpret_cast<sockaddr*>(&a), sizeof a);
-    }
-    int fd_ = -1;
-};
-
 const char* const kProbe = "get-sms total-entries phone_book^|^";
 
 // Polls with short timeouts until the process answers; the time from `t0`,
 // or nullopt when it died or the deadline passed.
-std::optional<double> first_answer(const Process& p, int port, Clock::time_point t0,
+template <class Process>
+std::optional<double> first_answer(Process& p, int port, Clock::time_point t0,
                                    std::string* answer = nullptr) {
-    Client c;
+    test::UdpClient c;
     while (seconds_since(t0) < 30) {
-        if (auto r = c.request(port, kProbe, 2)) {
+        if (auto r = c.request(port, kProbe, std::chrono::milliseconds(2))) {
             double s = seconds_since(t0);
             if (answer) *answer = *r;
             return s;
@@ -287,16 +207,9 @@ std::optional<double> first_answer(const Process& p, int port, Clock::time_point
 
 // ------------------------------------------------------- /proc readings
 
-std::string slurp(const std::string& path) {
-    std::ifstream in(path);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-}
-
 // utime + stime in seconds (clock ticks).
 double stat_cpu(pid_t pid) {
-    std::string s = slurp("/proc/" + std::to_string(pid) + "/stat");
+    std::string s = test::read_file("/proc/" + std::to_string(pid) + "/stat");
     size_t close = s.rfind(')');
     if (close == std::string::npos) return -1;
     std::istringstream in(s.substr(close + 2));
@@ -311,14 +224,15 @@ double stat_cpu(pid_t pid) {
 
 // Time on the CPU in seconds at nanosecond resolution, -1 if not available.
 double sched_cpu(pid_t pid) {
-    std::istringstream in(slurp("/proc/" + std::to_string(pid) + "/schedstat"));
+    std::istringstream in(test::read_file("/proc/" + std::to_string(pid) + "/schedstat"));
     unsigned long long ns = 0;
     if (!(in >> ns)) return -1;
     return static_cast<double>(ns) * 1e-9;
 }
 
-long long status_value(pid_t pid, const std::string& key) {
-    std::istringstream in(slurp("/proc/" + std::to_string(pid) + "/status"));
+// The number after "key:" in /proc/PID/file (status, io), -1 when absent.
+long long proc_value(pid_t pid, const char* file, const std::string& key) {
+    std::istringstream in(test::read_file("/proc/" + std::to_string(pid) + "/" + file));
     std::string line;
     while (std::getline(in, line))
         if (line.compare(0, key.size() + 1, key + ":") == 0)
@@ -326,13 +240,8 @@ long long status_value(pid_t pid, const std::string& key) {
     return -1;
 }
 
-long long io_value(pid_t pid, const std::string& key) {
-    std::istringstream in(slurp("/proc/" + std::to_string(pid) + "/io"));
-    std::string line;
-    while (std::getline(in, line))
-        if (line.compare(0, key.size() + 1, key + ":") == 0)
-            return std::atoll(line.c_str() + key.size() + 1);
-    return -1;
+long long status_value(pid_t pid, const std::string& key) {
+    return proc_value(pid, "status", key);
 }
 
 struct Sample {
@@ -345,26 +254,15 @@ Sample sample(pid_t pid) {
     s.cpu_ticks = stat_cpu(pid);
     s.cpu_ns = sched_cpu(pid);
     s.wakeups = status_value(pid, "voluntary_ctxt_switches");
-    long long r = io_value(pid, "syscr"), w = io_value(pid, "syscw");
+    long long r = proc_value(pid, "io", "syscr"), w = proc_value(pid, "io", "syscw");
     s.syscalls = r < 0 || w < 0 ? -1 : r + w;
     return s;
 }
 
+// The dialing word outlives a killed daemon.
 void remove_shm(int offset) {
     int id = ::shmget(static_cast<key_t>(16384 + offset), 0, 0);
     if (id >= 0) ::shmctl(id, IPC_RMID, nullptr);
-}
-
-struct Paths {
-    std::string self, daemon, txrx;
-};
-
-std::vector<std::string> daemon_argv(const Paths& p, const fs::path& root, int offset) {
-    return {p.daemon, "--root", root.string(), "--port-offset", std::to_string(offset)};
-}
-
-std::vector<std::string> baseline_argv(const Paths& p, const fs::path& root, int port) {
-    return {p.self, "baseline", root.string(), std::to_string(port)};
 }
 
 int failures = 0;
@@ -376,29 +274,28 @@ const char* verdict(bool met) {
 
 // ------------------------------------------------------------ the figures
 
-void bench_start(const Paths& paths, const Seed& seed, int offset) {
-    fs::path root = make_root(paths.txrx);
+void bench_start(const std::string& self, const Seed& seed, int offset) {
+    test::TempDir root;
+    test::prepare_root(root.path());
+    const int base_port = 40000 + offset % 20000;
     double daemon_best = 1e9, base_best = 1e9;
     std::string answer;
     for (int run = 0; run < kStartRuns; ++run) {
-        seed_root(root, seed);
+        seed_root(root.path(), seed);
         {
             auto t0 = Clock::now();
-            Process d(daemon_argv(paths, root, offset));
+            test::Daemon d(root.path(), offset);
             if (auto s = first_answer(d, 20205 + offset, t0, &answer))
                 daemon_best = std::min(daemon_best, *s);
         }
         remove_shm(offset);
-        seed_root(root, seed);
+        seed_root(root.path(), seed);
         {
             auto t0 = Clock::now();
-            Process b(baseline_argv(paths, root, 40000 + offset % 20000));
-            if (auto s = first_answer(b, 40000 + offset % 20000, t0))
-                base_best = std::min(base_best, *s);
+            Baseline b(self, root.path(), base_port);
+            if (auto s = first_answer(b, base_port, t0)) base_best = std::min(base_best, *s);
         }
     }
-    std::error_code ec;
-    fs::remove_all(root, ec);
     bool loaded = answer.find(std::to_string(kContacts)) != std::string::npos;
     double ratio = daemon_best / base_best;
     std::printf(
@@ -411,26 +308,7 @@ void bench_start(const Paths& paths, const Seed& seed, int offset) {
     if (!loaded) ++failures;
 }
 
-void bench_memory_and_idle(const Paths& paths, const Seed& seed, int offset, int idle_seconds) {
-    fs::path root = make_root(paths.txrx);
-    seed_root(root, seed);
-    const int base_port = 40000 + offset % 20000;
-    Process d(daemon_argv(paths, root, offset));
-    Process b(baseline_argv(paths, root, base_port));
-    auto t0 = Clock::now();
-    if (!first_answer(d, 20205 + offset, t0) || !first_answer(b, base_port, t0)) {
-        std::printf("memory/idle: the daemon or the baseline did not answer\n");
-        ++failures;
-        return;
-    }
-    {
-        Client c;
-        for (const char* req : {"get-sms phone_book 1^|^", "get-sms groups 1^|^",
-                                "get-sms total-entries groups^|^"}) {
-            c.request(20205 + offset, req, 2000);
-            c.request(base_port, req, 2000);
-        }
-    }
+void measure_memory(test::Daemon& d, const Baseline& b) {
     long long d_hwm = status_value(d.pid(), "VmHWM"), b_hwm = status_value(b.pid(), "VmHWM");
     long long d_rss = status_value(d.pid(), "VmRSS");
     double mem_ratio = static_cast<double>(d_hwm) / static_cast<double>(b_hwm);
@@ -439,9 +317,11 @@ void bench_memory_and_idle(const Paths& paths, const Seed& seed, int offset, int
         "baseline %lld kB, ratio %.2f (goal <= %.1f) %s\n",
         kContacts, kGroups, kMembers, d_hwm, d_rss, b_hwm, mem_ratio, kMemoryRatioGoal,
         verdict(d_hwm > 0 && b_hwm > 0 && mem_ratio <= kMemoryRatioGoal));
+}
 
-    // Idle: both processes side by side over the same window, once the
-    // answers to the polls above have all gone out.
+// Both processes side by side over the same window, once the answers to
+// the earlier requests have all gone out.
+void measure_idle(test::Daemon& d, const Baseline& b, int idle_seconds) {
     std::this_thread::sleep_for(std::chrono::seconds(3));
     Sample d0 = sample(d.pid()), b0 = sample(b.pid());
     auto w0 = Clock::now();
@@ -469,8 +349,32 @@ void bench_memory_and_idle(const Paths& paths, const Seed& seed, int offset, int
         std::printf("  the daemon exited during the window\n");
         ++failures;
     }
-    std::error_code ec;
-    fs::remove_all(root, ec);
+}
+
+void bench_memory_and_idle(const std::string& self, const Seed& seed, int offset,
+                           int idle_seconds) {
+    test::TempDir root;
+    test::prepare_root(root.path());
+    seed_root(root.path(), seed);
+    const int base_port = 40000 + offset % 20000;
+    {
+        test::Daemon d(root.path(), offset);
+        Baseline b(self, root.path(), base_port);
+        auto t0 = Clock::now();
+        if (first_answer(d, 20205 + offset, t0) && first_answer(b, base_port, t0)) {
+            test::UdpClient c;
+            for (const char* req : {"get-sms phone_book 1^|^", "get-sms groups 1^|^",
+                                    "get-sms total-entries groups^|^"}) {
+                c.request(20205 + offset, req, std::chrono::milliseconds(2000));
+                c.request(base_port, req, std::chrono::milliseconds(2000));
+            }
+            measure_memory(d, b);
+            measure_idle(d, b, idle_seconds);
+        } else {
+            std::printf("memory/idle: the daemon or the baseline did not answer\n");
+            ++failures;
+        }
+    }
     remove_shm(offset);
 }
 
@@ -480,31 +384,26 @@ int main(int argc, char** argv) {
     if (argc == 4 && std::strcmp(argv[1], "baseline") == 0)
         return run_baseline(argv[2], std::atoi(argv[3]));
 
-    Paths paths;
-    paths.self = fs::read_symlink("/proc/self/exe").string();
-    fs::path build = fs::path(paths.self).parent_path().parent_path();
-    paths.daemon = (build / "smsgwd").string();
-    paths.txrx = (build / "txrx-sim").string();
-    for (const auto& p : {paths.daemon, paths.txrx}) {
-        if (!fs::exists(p)) {
-            std::fprintf(stderr, "%s not found\n", p.c_str());
+    for (const char* p : {SMSGWD_PATH, TXRX_SIM_PATH}) {
+        if (::access(p, X_OK) != 0) {
+            std::fprintf(stderr, "%s not found\n", p);
             return 1;
         }
     }
+    const std::string self = std::filesystem::read_symlink("/proc/self/exe").string();
     int idle_seconds = 60;
     if (const char* e = std::getenv("SMSGW_BENCH_IDLE_SECONDS"); e && std::atoi(e) > 0)
         idle_seconds = std::atoi(e);
 
-    char tmpl[] = "/tmp/daemon_bench_seed.XXXXXX";
-    if (!::mkdtemp(tmpl)) return 1;
-    const Seed contacts_only = make_seed(std::string(tmpl) + "/a", false);
-    const Seed with_groups = make_seed(std::string(tmpl) + "/b", true);
-    std::error_code ec;
-    fs::remove_all(tmpl, ec);
+    Seed contacts_only, with_groups;
+    {
+        test::TempDir scratch;
+        contacts_only = make_seed(scratch / "a", false);
+        with_groups = make_seed(scratch / "b", true);
+    }
 
-    std::mt19937 rng(std::random_device{}());
-    const int offset = 2000 + static_cast<int>(rng() % 20000);
-    bench_start(paths, contacts_only, offset);
-    bench_memory_and_idle(paths, with_groups, offset, idle_seconds);
+    const int offset = test::random_port_offset();
+    bench_start(self, contacts_only, offset);
+    bench_memory_and_idle(self, with_groups, offset, idle_seconds);
     return failures == 0 ? 0 : 2;
 }

@@ -43,10 +43,6 @@ double best_of(int runs, F&& f) {
     return best;
 }
 
-void write_bytes(const std::string& path, const std::string& bytes) {
-    smsgw::write_file(path, bytes);
-}
-
 }  // namespace
 
 int main() {
@@ -70,7 +66,7 @@ int main() {
     const std::string request = root + "/tmp/all";
     const std::string image = smsgw::build_request_file("admin", "to everyone", "__ALL__", "", "");
     double handler = best_of(15, [&] {
-        write_bytes(request, image);
+        smsgw::write_file(request, image);
         auto t0 = Clock::now();
         sender.send_sms_handler("send-sms " + request, 0);
         double s = seconds_since(t0);
@@ -122,7 +118,7 @@ int main() {
     for (int i = 0; i < kJobs; ++i) {
         const std::string& body = bodies[static_cast<size_t>(i)];
         std::string path = root + "/tmp/q" + std::to_string(i);
-        write_bytes(path, body);
+        smsgw::write_file(path, body);
         std::string line = "send-sms " + path;
         auto t0 = Clock::now();
         queue.add_to_pending_jobs(line);

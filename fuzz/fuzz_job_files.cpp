@@ -26,6 +26,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     root.write("var/Jobs/PerModem_PendingJob", parts[10]);
     root.write("tmp/req-1", build_request_file("admin", "hello", "+4911^|^", "", ""));
 
+    // Records name request files; a damaged one must not make the queue
+    // create files wherever it points (relative names land here).
+    const size_t entries_before = fuzz::entries_in_working_dir();
     Runtime rt(root.path(), root.port_offset());
     rt.no_of_modems = 1;
     ensure_sms_stats_file(rt);
@@ -42,6 +45,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         if (queue.P_POS < 0 || queue.P_POS > 8 || queue.L_POS < 0 || queue.L_POS > 8)
             __builtin_trap();
     }
+    if (fuzz::entries_in_working_dir() != entries_before) __builtin_trap();
     fuzz::reap_children();
     return 0;
 }

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <stdexcept>
 
 #include "common/fileops.h"
@@ -149,6 +150,15 @@ std::string InputReader::random_length_string(size_t max) {
         out.push_back(c);
     }
     return out;
+}
+
+size_t entries_in_working_dir() {
+    size_t n = 0;
+    std::error_code ec;
+    for (auto it = std::filesystem::directory_iterator(".", ec);
+         !ec && it != std::filesystem::directory_iterator(); it.increment(ec))
+        ++n;
+    return n;
 }
 
 }  // namespace smsgw::fuzz

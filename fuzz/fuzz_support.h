@@ -43,6 +43,10 @@ class FuzzRoot {
 // not fill the process table with zombies.
 void reap_children();
 
+// How many entries the working directory has: a target that must create
+// nothing outside the root compares it before and after an input.
+size_t entries_in_working_dir();
+
 // Replaces the first "%R" by the root path.
 void expand_root(std::string& text, const FuzzRoot& root);
 

@@ -32,7 +32,7 @@ class alignas(8) CompactText {
         other.set_inline_size(0);
     }
     CompactText& operator=(const CompactText& other) {
-        assign(other.view());
+        if (this != &other) assign(other.view());
         return *this;
     }
     CompactText& operator=(CompactText&& other) noexcept {

@@ -25,6 +25,8 @@ namespace {
 constexpr char kMarker[] = "<JB/SRT>";
 constexpr size_t kTableSize = 44;
 constexpr size_t kBodyChunk = 2038;
+// Bodies up to this size are queued with one write (see append_record).
+constexpr int32_t kOneWriteBody = 1 << 20;
 constexpr size_t kRequestChunk = 2047;
 constexpr size_t kBroadcastSender = 50;
 constexpr size_t kBroadcastText = 160;
@@ -111,12 +113,53 @@ JobHeader decode_job_header(const unsigned char* bytes) {
     return h;
 }
 
-bool copy_job_body(int out_fd, const std::string& path, long long length) {
-    // The name was checked before; if it was swapped for a link or a FIFO
-    // since, nothing is read through it.
+namespace {
+
+// The body of a request being queued. Its name was checked before; if it
+// was swapped for a link or a FIFO since, nothing is read through it.
+Fd open_job_body(const std::string& path) {
     Fd in(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     struct stat st {};
-    if (!in || ::fstat(in.get(), &st) != 0 || !S_ISREG(st.st_mode)) return false;
+    if (!in || ::fstat(in.get(), &st) != 0 || !S_ISREG(st.st_mode)) return Fd();
+    return in;
+}
+
+// Up to `length` bytes of the body in memory, the file then deleted;
+// nullopt (file kept) when it cannot be opened.
+std::optional<std::string> read_job_body(const std::string& path, long long length) {
+    Fd in = open_job_body(path);
+    if (!in) return std::nullopt;
+    std::string body(static_cast<size_t>(length), '\0');
+    size_t got = 0;
+    while (got < body.size()) {
+        ssize_t n = ::read(in.get(), body.data() + got, body.size() - got);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) break;
+        got += static_cast<size_t>(n);
+    }
+    body.resize(got);
+    in.reset();
+    remove_file(path);
+    return body;
+}
+
+// Writes all of `data` unless an error stops it; how many bytes were written.
+size_t write_counted(int fd, std::string_view data) {
+    size_t done = 0;
+    while (done < data.size()) {
+        ssize_t n = ::write(fd, data.data() + done, data.size() - done);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) break;
+        done += static_cast<size_t>(n);
+    }
+    return done;
+}
+
+}  // namespace
+
+bool copy_job_body(int out_fd, const std::string& path, long long length) {
+    Fd in = open_job_body(path);
+    if (!in) return false;
     long long copied = 0;
     char buf[kBodyChunk];
     while (copied < length) {
@@ -331,14 +374,29 @@ void JobQueue::note_queue_full(const std::string* api_path) {
 bool JobQueue::append_record(Fd& out, std::string_view header, const std::string& body_path,
                              int32_t job_ln, const std::string& target,
                              const std::string& body_rollback, long long old_size) {
-    if (!write_all(out.get(), header)) {
+    // A body that fits in memory goes out with its header in one write, so
+    // a kill cannot leave the header alone at the end of the file: such a
+    // torn record makes the start-up repair drop every record before it.
+    std::string record(header);
+    bool body_in_record = false, body_whole = false;
+    if (job_ln <= kOneWriteBody) {
+        if (auto body = read_job_body(body_path, job_ln)) {
+            record += *body;
+            body_in_record = true;
+            body_whole = body->size() == static_cast<size_t>(job_ln);
+        }
+    }
+    const size_t written = write_counted(out.get(), record);
+    if (written < header.size()) {
         out.reset();
         truncate_file(target, old_size);
         return false;
     }
-    // Counted before the body is copied; a failed copy does not take it back.
+    // Counted once the header is out; a failed body does not take it back.
     TOTAL_SIZE += job_ln + static_cast<long>(kHeaderSize);
-    if (!copy_job_body(out.get(), body_path, job_ln) || ::fsync(out.get()) != 0) {
+    bool ok = body_in_record ? body_whole && written == record.size()
+                             : copy_job_body(out.get(), body_path, job_ln);
+    if (!ok || ::fsync(out.get()) != 0) {
         out.reset();
         truncate_file(body_rollback, old_size);
         return false;

@@ -14,6 +14,7 @@
 
 #include "addressbook/address_book.h"
 #include "addressbook/compact_text.h"
+#include "support/trie_shape.h"
 
 using namespace smsgw;
 
@@ -101,31 +102,8 @@ TEST(CompactText, ComparesAndJoinsLikeAString) {
     EXPECT_EQ(sizeof(CompactText), 16u);
 }
 
-// The tree as text: label[numbers]{children} siblings...
-void dump(const TrieNode* n, std::string& out) {
-    for (; n; n = n->sibling.get()) {
-        out += n->label;
-        if (n->entries) {
-            out += '[';
-            for (const Entry* e = n->entries.get(); e; e = e->next.get()) {
-                if (e != n->entries.get()) out += ',';
-                out += e->name + "/" + e->number;
-            }
-            out += ']';
-        }
-        if (n->child) {
-            out += '{';
-            dump(n->child.get(), out);
-            out += '}';
-        }
-        if (n->sibling) out += ' ';
-    }
-}
-
 std::string shape(AddressBook& ab) {
-    std::string out;
-    dump(ab.trie_root().sibling.get(), out);
-    return out;
+    return test::trie_shape(ab, true);
 }
 
 // Names that share beginnings in many ways: prefixes of one another, the

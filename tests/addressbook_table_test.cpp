@@ -8,36 +8,14 @@
 #include <vector>
 
 #include "addressbook/address_book.h"
+#include "support/trie_shape.h"
 
 using namespace smsgw;
 
 namespace {
 
-// The tree as text: label[numbers]{children} siblings...
-void dump(const TrieNode* n, std::string& out) {
-    for (; n; n = n->sibling.get()) {
-        out += n->label;
-        if (n->entries) {
-            out += '[';
-            for (const Entry* e = n->entries.get(); e; e = e->next.get()) {
-                if (e != n->entries.get()) out += ',';
-                out += e->number;
-            }
-            out += ']';
-        }
-        if (n->child) {
-            out += '{';
-            dump(n->child.get(), out);
-            out += '}';
-        }
-        if (n->sibling) out += ' ';
-    }
-}
-
 std::string shape(AddressBook& ab) {
-    std::string out;
-    dump(ab.trie_root().sibling.get(), out);
-    return out;
+    return test::trie_shape(ab);
 }
 
 std::vector<std::string> listing(AddressBook& ab) {

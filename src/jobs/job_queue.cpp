@@ -362,6 +362,16 @@ Fd open_append(const std::string& path) {
 
 }  // namespace
 
+Fd JobQueue::open_for_request(const std::string& target, long long body,
+                              const std::string& request_file, bool api) {
+    Fd out = open_append(target);
+    if (out && TOTAL_SIZE < MAX_JOBS_FILE_LN && body <= INT32_MAX - 108) return out;
+    trace("Crossed limit TOTAL_SIZE = %ld, MAX_JOBS_FILE_LN=%ld\n", TOTAL_SIZE, MAX_JOBS_FILE_LN);
+    if (TOTAL_SIZE >= MAX_JOBS_FILE_LN) note_queue_full(api ? &request_file : nullptr);
+    remove_file(request_file);
+    return Fd();
+}
+
 void JobQueue::note_queue_full(const std::string* api_path) {
     write_file(rt_.path("/var/Jobs/jobfull"), "");
     job_full = 1;
@@ -425,15 +435,9 @@ void JobQueue::add_to_pending_jobs(std::string_view line) {
     if (file_size(pending_file(L_POS)) > kRotateSize) L_POS = L_POS + 1 > 8 ? 0 : L_POS + 1;
     std::string target = pending_file(L_POS);
     long long old_size = file_size(target);
-    Fd out = open_append(target);
     long long body = file_size(path);
-    if (!out || TOTAL_SIZE >= MAX_JOBS_FILE_LN || body > INT32_MAX - 108) {
-        trace("Crossed limit TOTAL_SIZE = %ld, MAX_JOBS_FILE_LN=%ld\n", TOTAL_SIZE,
-              MAX_JOBS_FILE_LN);
-        if (TOTAL_SIZE >= MAX_JOBS_FILE_LN) note_queue_full(api ? &path : nullptr);
-        remove_file(path);
-        return;
-    }
+    Fd out = open_for_request(target, body, path, api);
+    if (!out) return;
     auto job_ln = static_cast<int32_t>(body);
     std::string header = encode_job_header(job_ln, l_job_ln[L_POS], line);
     trace(" job.job_ln  = %d,job.p_job_ln = %d, job.jobfromrom=%s\n", job_ln, l_job_ln[L_POS],
@@ -487,15 +491,9 @@ int JobQueue::add_to_permodem_pending_jobs(std::string_view line) {
     const std::string file = api ? path.substr(4) : path;
     std::string target = permodem_file();
     long long old_size = file_size(target);
-    Fd out = open_append(target);
     long long body = file_size(path);
-    if (!out || TOTAL_SIZE >= MAX_JOBS_FILE_LN || body > INT32_MAX - 108) {
-        trace("Crossed limit TOTAL_SIZE = %ld, MAX_JOBS_FILE_LN=%ld\n", TOTAL_SIZE,
-              MAX_JOBS_FILE_LN);
-        if (TOTAL_SIZE >= MAX_JOBS_FILE_LN) note_queue_full(api ? &file : nullptr);
-        remove_file(file);
-        return -1;
-    }
+    Fd out = open_for_request(target, body, file, api);
+    if (!out) return -1;
     auto job_ln = static_cast<int32_t>(body);
     std::string header = encode_job_header(job_ln, 0, line);
     // A failed body cuts the ring's write file, not the per-modem file: the

@@ -138,6 +138,11 @@ class JobQueue {
     // The queue is over its limit: "/var/Jobs/jobfull" marks it, and an api
     // request (request file `api_path`) is told so.
     void note_queue_full(const std::string* api_path);
+    // `target` opened for appending a request's record, or nothing when it
+    // cannot be opened or the queue is over its limit; the request file is
+    // then deleted (an api request is told the queue is full).
+    Fd open_for_request(const std::string& target, long long body, const std::string& request_file,
+                        bool api);
     // Appends one record to `out`: the header, then the body copied from
     // `body_path`, synced. A failed header cuts `target`, a failed body
     // `body_rollback`, back to `old_size`.

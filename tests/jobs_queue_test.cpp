@@ -12,6 +12,7 @@
 #include "addressbook/address_book.h"
 #include "common/bytes.h"
 #include "common/fileops.h"
+#include "formats/position_table.h"
 #include "jobs/job_queue.h"
 #include "send/sender.h"
 #include "support/test_support.h"
@@ -59,23 +60,6 @@ struct QueueTest : ::testing::Test {
     std::string table() { return test::read_file(dir / "var/Jobs/pos_offset"); }
 };
 
-TEST(JobRecord, HeaderBytes) {
-    std::string h = encode_job_header(5, 113, "send-sms /tmp/x");
-    ASSERT_EQ(h.size(), 108u);
-    EXPECT_EQ(h.substr(0, 12), std::string("<JB/SRT>\0\0\0\0", 12));
-    EXPECT_EQ(get_i32(u(h, 12)), 5);
-    EXPECT_EQ(get_i32(u(h, 16)), 113);
-    EXPECT_EQ(h.substr(20), "send-sms /tmp/x" + std::string(88 - 15, '\0'));
-
-    std::string long_line = "send-sms /tmp/" + std::string(100, 'a');
-    JobHeader d = decode_job_header(u(encode_job_header(1, 0, long_line)));
-    EXPECT_TRUE(d.marker_ok());
-    EXPECT_EQ(d.jobfromrom, long_line.substr(0, 87));
-    std::string bad = h;
-    bad[3] = 'X';
-    EXPECT_FALSE(decode_job_header(u(bad)).marker_ok());
-}
-
 TEST_F(QueueTest, TableIsCreatedZeroedAndStoresIndicesHighLow) {
     start();
     EXPECT_EQ(table(), std::string(44, '\0'));
@@ -87,11 +71,12 @@ TEST_F(QueueTest, TableIsCreatedZeroedAndStoresIndicesHighLow) {
     queue.L_POS = 5;
     queue.TOTAL_SIZE = 300;
     queue.update_job_pos_table(216, 5);
-    std::string t = table();
-    ASSERT_EQ(t.size(), 44u);
-    EXPECT_EQ(static_cast<uint32_t>(get_i32(u(t))), 0x00020005u);
-    EXPECT_EQ(get_i32(u(t, 4)), 300);
-    EXPECT_EQ(get_i32(u(t, 8 + 4 * 5)), 216);
+    PositionTable want;
+    want.P_POS = 2;
+    want.L_POS = 5;
+    want.TOTAL_SIZE = 300;
+    want.l_job_ln[5] = 216;
+    EXPECT_EQ(table(), encode_position_table(want));
 
     // A fresh queue over the same files sees the same state.
     JobQueue again{rt, sender};
@@ -157,9 +142,9 @@ TEST_F(QueueTest, AppendsRecordsWithBackLinks) {
     EXPECT_EQ(pending(0), expect);
     EXPECT_EQ(queue.TOTAL_SIZE, static_cast<long>(expect.size()));
     EXPECT_EQ(queue.l_job_ln[0], 108);
-    std::string t = table();
-    EXPECT_EQ(get_i32(u(t, 4)), static_cast<int32_t>(expect.size()));
-    EXPECT_EQ(get_i32(u(t, 8)), 108);
+    auto t = decode_position_table(table());
+    EXPECT_EQ(t->TOTAL_SIZE, static_cast<int32_t>(expect.size()));
+    EXPECT_EQ(t->l_job_ln[0], 108);
     EXPECT_EQ(rt.jobs_to_txrx_count, 4);
     EXPECT_EQ(test::read_file(dir / "var/config/job_stats_file"), "4\n0\n0");
 }
@@ -249,7 +234,7 @@ TEST_F(QueueTest, FailedBodyCopiesRollBackAsTheQueueAlwaysHas) {
     EXPECT_EQ(queue.L_POS, 1);
     std::string grown = pending(1);
     ASSERT_EQ(grown.size(), 524289u);
-    EXPECT_EQ(decode_job_header(u(grown)).job_ln, 300);
+    EXPECT_EQ(decode_job_header(grown)->job_ln, 300);
     EXPECT_EQ(grown.substr(108, 5), "short");
     EXPECT_EQ(grown.find_first_not_of('\0', 113), std::string::npos);
 
@@ -364,8 +349,8 @@ TEST_F(QueueTest, RepeatedRepairAlwaysEndsWellFormedOrEmpty) {
         std::string out = pending(0);
         if (out.empty()) continue;
         ASSERT_GE(out.size(), 108u) << "round " << round;
-        JobHeader h = decode_job_header(u(out));
-        EXPECT_TRUE(h.marker_ok() && h.job_ln >= 0 &&
+        JobHeader h = *decode_job_header(out);
+        EXPECT_TRUE(h.marker_ok && h.job_ln >= 0 &&
                     h.job_ln <= static_cast<int32_t>(out.size() - 108))
             << "round " << round;
     }
@@ -451,7 +436,7 @@ TEST_F(SchedulerTest, CorruptedFrontIsReportedRepairedAndScannedAgain) {
     file[0] = 'X';
     test::write_file(queue.pending_file(0), file);
     queue.update_job_pos_table(queue.l_job_ln[0], 0);
-    JobHeader first = decode_job_header(u(file));
+    JobHeader first = *decode_job_header(file);
 
     queue.create_job_from_pending_jobs(0);
     EXPECT_EQ(test::read_file(dir / "var/run/test.log.pending"),

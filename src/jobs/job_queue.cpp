@@ -11,39 +11,45 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "common/bytes.h"
 #include "common/fileops.h"
 #include "common/net.h"
 #include "common/text.h"
 #include "common/trace.h"
+#include "formats/position_table.h"
+#include "formats/txrx_datagram.h"
 #include "send/stats.h"
 
 namespace smsgw {
 
 namespace {
 
-constexpr char kMarker[] = "<JB/SRT>";
-constexpr size_t kTableSize = 44;
+constexpr size_t kTableSize = PositionTable::kSize;
 constexpr size_t kBodyChunk = 2038;
 // Bodies up to this size are queued with one write (see append_record).
 constexpr int32_t kOneWriteBody = 1 << 20;
 constexpr size_t kRequestChunk = 2047;
-constexpr size_t kBroadcastSender = 50;
-constexpr size_t kBroadcastText = 160;
 constexpr int kFiles = 9;
 constexpr long long kEmptyFile = -1;  // repair result: nothing worth keeping
 
 bool pread_header(int fd, long long offset, JobHeader& h) {
-    unsigned char b[JobHeader::kSize];
+    char b[JobHeader::kSize];
     if (::pread(fd, b, sizeof b, static_cast<off_t>(offset)) != static_cast<ssize_t>(sizeof b))
         return false;
-    h = decode_job_header(b);
+    h = *decode_job_header(std::string_view(b, sizeof b));
     return true;
+}
+
+// The header at the front of a job file; missing bytes read as zeros, so
+// an empty file gives job_ln 0.
+JobHeader read_front_header(FILE* job) {
+    char b[JobHeader::kSize] = {};
+    std::fread(b, 1, sizeof b, job);
+    return *decode_job_header(std::string_view(b, sizeof b));
 }
 
 // A header at `offset` whose body fits in a file of `size` bytes.
 bool well_formed(const JobHeader& h, long long offset, long long size) {
-    return h.marker_ok() && h.job_ln >= 0 &&
+    return h.marker_ok && h.job_ln >= 0 &&
            h.job_ln <= size - offset - static_cast<long long>(JobHeader::kSize);
 }
 
@@ -90,28 +96,6 @@ std::string request_file_name(std::string_view line) {
 }
 
 }  // namespace
-
-bool JobHeader::marker_ok() const {
-    return std::memcmp(marker, kMarker, sizeof kMarker) == 0;
-}
-
-std::string encode_job_header(int32_t job_ln, int32_t p_job_ln, std::string_view jobfromrom) {
-    unsigned char b[JobHeader::kSize] = {};
-    std::memcpy(b, kMarker, sizeof kMarker);
-    put_i32(b + 12, job_ln);
-    put_i32(b + 16, p_job_ln);
-    copy_field(reinterpret_cast<char*>(b + 20), JobHeader::kFromSize, jobfromrom);
-    return std::string(reinterpret_cast<char*>(b), sizeof b);
-}
-
-JobHeader decode_job_header(const unsigned char* bytes) {
-    JobHeader h;
-    std::memcpy(h.marker, bytes, sizeof h.marker);
-    h.job_ln = get_i32(bytes + 12);
-    h.p_job_ln = get_i32(bytes + 16);
-    h.jobfromrom = field_text(reinterpret_cast<const char*>(bytes + 20), JobHeader::kFromSize);
-    return h;
-}
 
 namespace {
 
@@ -184,7 +168,8 @@ struct JobQueue::Mapping {
     ~Mapping() {
         if (addr != MAP_FAILED) ::munmap(addr, kTableSize);
     }
-    unsigned char* bytes() const { return static_cast<unsigned char*>(addr); }
+    std::string_view view() const { return std::string_view(static_cast<char*>(addr), kTableSize); }
+    void store(std::string_view image) const { std::memcpy(addr, image.data(), kTableSize); }
 };
 
 JobQueue::JobQueue(Runtime& rt, Sender& sender)
@@ -225,12 +210,11 @@ void JobQueue::init_job_pos_table() {
 
 void JobQueue::load_job_pos_table() {
     if (!map_) return;
-    const unsigned char* b = map_->bytes();
-    uint32_t word = static_cast<uint32_t>(get_i32(b));
-    P_POS = static_cast<int16_t>(word >> 16);
-    L_POS = static_cast<int16_t>(word & 0xffffu);
-    TOTAL_SIZE = get_i32(b + 4);
-    for (int i = 0; i < kFiles; ++i) l_job_ln[i] = get_i32(b + 8 + 4 * static_cast<size_t>(i));
+    const PositionTable table = *decode_position_table(map_->view());
+    P_POS = table.P_POS;
+    L_POS = table.L_POS;
+    TOTAL_SIZE = table.TOTAL_SIZE;
+    for (int i = 0; i < kFiles; ++i) l_job_ln[i] = table.l_job_ln[static_cast<size_t>(i)];
     // A damaged table must not name a file outside the ring: such an index
     // restarts at the first file (the reader then walks forward over missing
     // files to the writer), and a negative total counts as an empty queue.
@@ -246,13 +230,12 @@ void JobQueue::update_job_pos_table(int32_t length, int file_index) {
     if (file_index < 0 || file_index >= kFiles) return;
     l_job_ln[file_index] = length;
     if (!map_) return;
-    unsigned char* b = map_->bytes();
-    uint32_t word =
-        (static_cast<uint32_t>(P_POS) & 0xffffu) << 16 | (static_cast<uint32_t>(L_POS) & 0xffffu);
-    put_i32(b, static_cast<int32_t>(word));
-    long long total = TOTAL_SIZE > INT32_MAX ? INT32_MAX : TOTAL_SIZE;
-    put_i32(b + 4, static_cast<int32_t>(total));
-    for (int i = 0; i < kFiles; ++i) put_i32(b + 8 + 4 * static_cast<size_t>(i), l_job_ln[i]);
+    PositionTable table;
+    table.P_POS = static_cast<int16_t>(P_POS);
+    table.L_POS = static_cast<int16_t>(L_POS);
+    table.TOTAL_SIZE = static_cast<int32_t>(TOTAL_SIZE > INT32_MAX ? INT32_MAX : TOTAL_SIZE);
+    for (int i = 0; i < kFiles; ++i) table.l_job_ln[static_cast<size_t>(i)] = l_job_ln[i];
+    map_->store(encode_position_table(table));
     trace("UPD:%d,%d,%ld, %d\n", P_POS, L_POS, TOTAL_SIZE, length);
 }
 
@@ -319,7 +302,7 @@ void JobQueue::repair_pending_file() {
             JobHeader h;
             bool ok = pread_header(fd.get(), l_sz, h);
             last = l_sz;
-            if (!ok || !h.marker_ok() || h.p_job_ln < static_cast<int32_t>(JobHeader::kSize)) {
+            if (!ok || !h.marker_ok || h.p_job_ln < static_cast<int32_t>(JobHeader::kSize)) {
                 // The chain begins here; this record stays first.
                 cut = l_sz;
                 break;
@@ -549,9 +532,7 @@ void JobQueue::create_job_from_pending_jobs(int mode) {
             permodem_pending = 0;
             return;
         }
-        unsigned char b[JobHeader::kSize] = {};
-        std::fread(b, 1, sizeof b, job.get());
-        JobHeader h = decode_job_header(b);
+        JobHeader h = read_front_header(job.get());
         if (h.job_ln == 0 || h.job_ln == -1) {
             job.reset();
             cut_front(permodem_file(), static_cast<long long>(JobHeader::kSize));
@@ -604,9 +585,7 @@ void JobQueue::create_job_from_pending_jobs(int mode) {
             advance_read_index();
             continue;
         }
-        unsigned char b[JobHeader::kSize] = {};
-        std::fread(b, 1, sizeof b, job.get());  // an empty file reads as zeros
-        h = decode_job_header(b);
+        h = read_front_header(job.get());
         if (h.job_ln == 0 || h.job_ln == -1) {
             job.reset();
             trace("\n if(count == 0 || count == -1)\n");
@@ -661,6 +640,17 @@ void JobQueue::create_job_from_pending_jobs(int mode) {
 }
 
 void JobQueue::take_broadcast(FILE* job_file, const JobHeader& h, int mode) {
+    // The body is job_ln bytes (well_formed bounded it by the file); one
+    // too short for its fixed fields carries no broadcast and is consumed.
+    std::string body(static_cast<size_t>(h.job_ln), '\0');
+    body.resize(std::fread(body.data(), 1, body.size(), job_file));
+    std::optional<BroadcastRecord> rec = decode_broadcast_body(body);
+    if (!rec) {
+        bookkeeping(mode, h, false);
+        return;
+    }
+    trace("%s\n", rec->sender.c_str());
+    trace("%s\n", rec->text.c_str());
     // "ISBRDTRIG", or "ISBRDTRIGapi" ID "-" USER for one from the API.
     const std::string& line = h.jobfromrom;
     size_t api_at = line.find("api");
@@ -675,22 +665,6 @@ void JobQueue::take_broadcast(FILE* job_file, const JobHeader& h, int mode) {
         }
         api_job = 1;
     }
-    BroadcastRecord rec;
-    char sender_field[kBroadcastSender] = {};
-    char text_field[kBroadcastText] = {};
-    std::fread(sender_field, 1, sizeof sender_field, job_file);
-    std::fread(text_field, 1, sizeof text_field, job_file);
-    rec.sender = field_text(sender_field, sizeof sender_field - 1);
-    rec.text = field_text(text_field, sizeof text_field);
-    trace("%s\n", rec.sender.c_str());
-    trace("%s\n", rec.text.c_str());
-    // The group name is the rest of the body (well_formed bounded job_ln).
-    long long group_len = h.job_ln - static_cast<long long>(kBroadcastSender + kBroadcastText);
-    if (group_len > 0) {
-        std::string group(static_cast<size_t>(group_len), '\0');
-        group.resize(std::fread(group.data(), 1, group.size(), job_file));
-        rec.group = field_text(group.data(), group.size());
-    }
     current_broadcast = std::move(rec);
 
     if (mode == 0) {
@@ -698,14 +672,9 @@ void JobQueue::take_broadcast(FILE* job_file, const JobHeader& h, int mode) {
         if (send_action) result = send_action(0);
         // Nothing to hand over when the action made no job (no such group).
         if (send_action && !result.queued && !result.request_file.empty()) {
-            std::string msg = result.request_file;
-            if (api_job) {
-                msg = "api " + msg;
-                api_job = 0;
-            }
-            char buf[100];
-            copy_field(buf, sizeof buf, msg);
-            send_udp(rt_.ports.txrx_out(), buf, sizeof buf);
+            const std::string msg = encode_broadcast_handoff(result.request_file, api_job != 0);
+            api_job = 0;
+            send_udp(rt_.ports.txrx_out(), msg.data(), msg.size());
             trace("Job sent to txrx\r\n");
         }
         bookkeeping(mode, h, false);

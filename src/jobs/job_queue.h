@@ -3,8 +3,8 @@
 // "/var/Jobs/pos_offset" (mapped shared) and the scheduler that feeds one job
 // at a time to txrx.
 //
-// Job record: marker char[12] "<JB/SRT>", job_ln int32, p_job_ln int32,
-// jobfromrom char[88], then job_ln body bytes (host byte order).
+// Each pending file is a run of job records: a JobHeader, then job_ln body
+// bytes (the request file, or a queued broadcast body).
 #pragma once
 
 #include <cstdint>
@@ -15,39 +15,16 @@
 
 #include "common/fileops.h"
 #include "common/runtime.h"
+#include "formats/broadcast_record.h"
+#include "formats/job_header.h"
 #include "send/sender.h"
 
 namespace smsgw {
-
-// The 108-byte record header, read and written only through the two
-// helpers below so the layout lives in one place.
-struct JobHeader {
-    static constexpr size_t kSize = 108;
-    static constexpr size_t kFromSize = 88;
-    char marker[12] = {};  // "<JB/SRT>" on a well-formed record
-    int32_t job_ln = 0;
-    int32_t p_job_ln = 0;
-    std::string jobfromrom;  // at most 87 characters
-
-    bool marker_ok() const;
-};
-// "<JB/SRT>" marker, the lengths, and the request line cut to 87 characters.
-std::string encode_job_header(int32_t job_ln, int32_t p_job_ln, std::string_view jobfromrom);
-// REQUIRES: bytes holds at least JobHeader::kSize bytes.
-JobHeader decode_job_header(const unsigned char* bytes);
 
 // Appends up to `length` bytes of the file at path to out_fd, then deletes
 // the file (not when it cannot be opened). True when exactly `length` bytes
 // were appended.
 bool copy_job_body(int out_fd, const std::string& path, long long length);
-
-// A broadcast trigger on its way to a group (the 220-byte record).
-struct BroadcastRecord {
-    std::string sender;  // at most 49 characters
-    std::string group;
-    std::string text;  // at most 160 characters
-    int queued = 0;    // set when the send action queued it again
-};
 
 // What the trigger send action did with the current broadcast record.
 struct SendActionResult {

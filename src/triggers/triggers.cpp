@@ -29,23 +29,6 @@ constexpr long kStatActed = 16;     // triggers that led to an action
 constexpr size_t kBroadcastBody = 210;
 constexpr size_t kApiMessage = 256;
 
-// Appends `text` as a field of exactly `size` bytes, NUL-padded.
-void append_padded(std::string& out, std::string_view text, size_t size) {
-    text = text.substr(0, size);
-    out.append(text);
-    out.append(size - text.size(), '\0');
-}
-
-// The broadcast body queued while a job is outstanding: sender char[50],
-// text char[160], then the group field's characters without terminator.
-std::string broadcast_body(const BroadcastRecord& record) {
-    std::string body;
-    append_padded(body, record.sender, 50);
-    append_padded(body, record.text, 160);
-    body += record.group;
-    return body;
-}
-
 // The GROUP section of a send request for the record's groups.
 std::string group_section(const BroadcastRecord& record) {
     std::string section;
@@ -199,7 +182,6 @@ struct Triggers::Impl {
         set_reply("");
         if (!queue.current_broadcast) return result;
         BroadcastRecord& record = *queue.current_broadcast;
-        record.queued = 0;
         // While txrx works on a job, an idle-time broadcast waits in the
         // queue; a peer asking for work (mode 1) is served at once.
         if (mode == 0 && rt.job_outstanding == 1) {
@@ -216,9 +198,9 @@ struct Triggers::Impl {
 
     bool is_api_job() const { return api_direct || queue.api_job == 1; }
 
-    bool queue_broadcast(BroadcastRecord& record) {
+    bool queue_broadcast(const BroadcastRecord& record) {
         std::string path = rt.path("/var/run/pending_jobs");
-        std::string body = broadcast_body(record);
+        std::string body = encode_broadcast_body(record);
         {
             FilePtr out = open_fixed_temp(path, "w+");
             if (!out) return false;
@@ -231,7 +213,6 @@ struct Triggers::Impl {
                 return false;
             }
         }
-        record.queued = 1;
         queue.add_to_pending_jobs_broadcasttrigger(&path, static_cast<long>(body.size()));
         return true;
     }

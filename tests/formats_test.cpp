@@ -1,0 +1,423 @@
+// Golden bytes of every record that crosses a file or socket boundary, both
+// ways, and the damaged shapes each decoder must survive. Expected images
+// are built in host byte order, so the tables hold on either endianness.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "formats/api_status.h"
+#include "formats/broadcast_record.h"
+#include "formats/inbox_record.h"
+#include "formats/job_file.h"
+#include "formats/job_header.h"
+#include "formats/job_stats.h"
+#include "formats/outbox_record.h"
+#include "formats/position_table.h"
+#include "formats/request_file.h"
+#include "formats/sms_stats.h"
+#include "formats/txrx_datagram.h"
+#include "formats/txrx_report.h"
+#include "support/test_support.h"
+
+namespace smsgw {
+namespace {
+
+using test::i32_bytes;
+
+std::string pad(const std::string& text, size_t size) {
+    std::string out = text.substr(0, size);
+    out.resize(size, '\0');
+    return out;
+}
+std::string i16_bytes(int16_t v) {
+    return std::string(reinterpret_cast<const char*>(&v), 2);
+}
+const std::string kLong(10000, 'x');
+
+TEST(JobHeaderFormat, GoldenBytesBothWays) {
+    struct Case {
+        int32_t job_ln, p_job_ln;
+        std::string from, stored;
+    } cases[] = {
+        {5, 113, "send-sms /tmp/a", "send-sms /tmp/a"},
+        {0, 0, "", ""},
+        {-1, -7, "ISBRDTRIGapi7-admin", "ISBRDTRIGapi7-admin"},
+        {9, 0, std::string(100, 'L'), std::string(87, 'L')},  // keeps its NUL
+    };
+    for (const auto& c : cases) {
+        const std::string image = std::string("<JB/SRT>\0\0\0\0", 12) + i32_bytes(c.job_ln) +
+                                  i32_bytes(c.p_job_ln) + pad(c.stored, 88);
+        EXPECT_EQ(encode_job_header(c.job_ln, c.p_job_ln, c.from), image) << c.from;
+        auto h = decode_job_header(image + "body");
+        ASSERT_TRUE(h);
+        EXPECT_TRUE(h->marker_ok);
+        EXPECT_EQ(h->job_ln, c.job_ln);
+        EXPECT_EQ(h->p_job_ln, c.p_job_ln);
+        EXPECT_EQ(h->jobfromrom, c.stored);
+    }
+}
+
+TEST(JobHeaderFormat, DamagedHeaders) {
+    const std::string good = encode_job_header(3, 0, "send-sms /tmp/a");
+    EXPECT_FALSE(decode_job_header(good.substr(0, 107)));
+    EXPECT_FALSE(decode_job_header(""));
+    struct Case {
+        size_t at;
+        char byte;
+        bool marker_ok;
+    } cases[] = {
+        {9, 'x', true}, {11, 'x', true}, {8, 'x', false}, {0, '>', false}, {6, 'X', false}};
+    for (const auto& c : cases) {
+        std::string bad = good;
+        bad[c.at] = c.byte;
+        EXPECT_EQ(decode_job_header(bad)->marker_ok, c.marker_ok) << c.at;
+    }
+    std::string no_nul = good;  // a line filling all 88 bytes
+    no_nul.replace(20, 88, std::string(88, 'z'));
+    EXPECT_EQ(decode_job_header(no_nul)->jobfromrom, std::string(88, 'z'));
+}
+
+TEST(PositionTableFormat, GoldenBytesBothWays) {
+    PositionTable t;
+    t.P_POS = 2;
+    t.L_POS = 5;
+    t.TOTAL_SIZE = 300;
+    t.l_job_ln[5] = 216;
+    t.l_job_ln[8] = -1;
+    std::string image = i32_bytes(0x00020005) + i32_bytes(300);
+    for (int i = 0; i < 9; ++i) image += i32_bytes(i == 5 ? 216 : i == 8 ? -1 : 0);
+    EXPECT_EQ(encode_position_table(t), image);
+    auto back = decode_position_table(image);
+    ASSERT_TRUE(back);
+    EXPECT_EQ(back->P_POS, 2);
+    EXPECT_EQ(back->L_POS, 5);
+    EXPECT_EQ(back->TOTAL_SIZE, 300);
+    EXPECT_EQ(back->l_job_ln, t.l_job_ln);
+
+    // Each half is signed; the halves never bleed into each other.
+    auto halves = decode_position_table(i32_bytes(static_cast<int32_t>(0xffff8003u)) + pad("", 40));
+    EXPECT_EQ(halves->P_POS, -1);
+    EXPECT_EQ(halves->L_POS, -32765);
+    t.P_POS = -1;
+    t.L_POS = 0;
+    EXPECT_EQ(encode_position_table(t).substr(0, 4), i32_bytes(static_cast<int32_t>(0xffff0000u)));
+    EXPECT_FALSE(decode_position_table(image.substr(0, 43)));
+}
+
+std::string section(const std::string& tag, int32_t len, const std::string& bytes) {
+    return tag + i32_bytes(len) + bytes;
+}
+
+TEST(RequestFileFormat, GoldenEncoding) {
+    const std::string image = pad("admin", 50) + pad("Hi", 160) + section("NUMBER:", 0, "") +
+                              section("NAME:", 11, std::string("0^|^Ann^|^\0", 11)) +
+                              section("GROUP:", 11, std::string("Friends^|^\0", 11));
+    EXPECT_EQ(encode_request_file("admin", "Hi", "", "0^|^Ann^|^", "Friends^|^"), image);
+    EXPECT_EQ(encode_request_file(std::string(60, 's'), kLong, "", "", "").substr(0, 210),
+              std::string(49, 's') + '\0' + std::string(159, 'x') + '\0');
+}
+
+TEST(RequestFileFormat, DecodesEveryShapeAsFarAsItGoes) {
+    const std::string head = pad("admin", 50) + pad("Hi", 160);
+    const std::string nums = section("NUMBER:", 6, std::string("+49^|^", 6));
+    const std::string none = "";
+    struct Case {
+        std::string name, bytes;
+        std::vector<std::string> sections;  // "-" for absent
+    } cases[] = {
+        {"whole",
+         head + nums + section("NAME:", 0, "") + section("GROUP:", 4, "G^|^"),
+         {"+49^|^", "-", "G^|^"}},
+        {"empty file", "", {"-", "-", "-"}},
+        {"cut in the text", head.substr(0, 100), {"-", "-", "-"}},
+        {"cut in a tag", head + "NUMB", {"-", "-", "-"}},
+        {"cut in a length", head + "NUMBER:" + i32_bytes(6).substr(0, 2), {"-", "-", "-"}},
+        {"length beyond the data",
+         head + section("NUMBER:", 500, "+49^|^+50^|^") + "NAME:",
+         {"+49^|^+50^|^NAME:", "-", "-"}},
+        {"negative length",
+         head + section("NUMBER:", -4, "") + section("NAME:", 4, "A^|^"),
+         {"-", "A^|^", "-"}},
+        {"ends at its NUL",
+         head + section("NUMBER:", 9, std::string("1^|^\0junk", 9)),
+         {"1^|^", "-", "-"}},
+        {"starts with NUL", head + section("NUMBER:", 3, std::string("\0ab", 3)), {"", "-", "-"}},
+        {"sections out of order", head + section("NAME:", 4, "A^|^") + nums, {"-", "-", "-"}},
+        {"one tag missing", head + nums + section("GROUP:", 4, "G^|^"), {"+49^|^", "-", "-"}},
+        {"long list", head + section("NUMBER:", 10001, kLong + '\0'), {kLong, "-", "-"}},
+    };
+    for (const auto& c : cases) {
+        RequestFile f = decode_request_file(c.bytes);
+        for (size_t i = 0; i < 3; ++i)
+            EXPECT_EQ(f.sections[i].value_or("-"), c.sections[i]) << c.name << " section " << i;
+    }
+    RequestFile f = decode_request_file(head.substr(0, 60) + std::string("\0x", 2));
+    EXPECT_EQ(f.sender(), "admin");
+    EXPECT_EQ(f.text_field, pad(std::string("Hi") + std::string(9, '\0') + "x", 160));
+    EXPECT_EQ(f.text(), "Hi");
+}
+
+TEST(JobFileFormat, GoldenBytesBothWays) {
+    const std::string text = pad("Hi", 160);
+    const std::string image = text + pad("+4911", 50) + pad(std::string(49, '9'), 50);
+    EXPECT_EQ(encode_job_file("Hi", {"+4911", std::string(49, '9')}), image);
+    EXPECT_EQ(encode_job_file(kLong, {std::string(60, '1')}),
+              std::string(160, 'x') + std::string(49, '1') + '\0');
+    auto job = decode_job_file(image + "+4999");  // a partial record is no recipient
+    ASSERT_TRUE(job);
+    EXPECT_EQ(job->text(), "Hi");
+    EXPECT_EQ(job->numbers, (std::vector<std::string>{"+4911", std::string(49, '9')}));
+    EXPECT_EQ(decode_job_file(std::string(160, 'x'))->numbers.size(), 0u);
+    EXPECT_FALSE(decode_job_file(image.substr(0, 159)));
+}
+
+TEST(BroadcastRecordFormat, GoldenBytesBothWays) {
+    const BroadcastRecord r{"+4911", "Staff]|[Crew]|[", "Open the door"};
+    const std::string image = pad("+4911", 50) + pad("Open the door", 160) + "Staff]|[Crew]|[";
+    EXPECT_EQ(encode_broadcast_body(r), image);
+    auto back = decode_broadcast_body(image);
+    ASSERT_TRUE(back);
+    EXPECT_EQ(back->sender, "+4911");
+    EXPECT_EQ(back->text, "Open the door");
+    EXPECT_EQ(back->group, "Staff]|[Crew]|[");
+
+    const std::string full = std::string(50, '5') + std::string(160, 't') + std::string("G\0x", 3);
+    auto cut = decode_broadcast_body(full);
+    EXPECT_EQ(cut->sender, std::string(49, '5'));
+    EXPECT_EQ(cut->text, std::string(160, 't'));
+    EXPECT_EQ(cut->group, "G");
+    EXPECT_EQ(decode_broadcast_body(image.substr(0, 210))->group, "");
+    EXPECT_FALSE(decode_broadcast_body(image.substr(0, 209)));
+}
+
+TEST(TxrxDatagramFormat, GoldenBytes) {
+    const std::string path = "/tmp/fileAbC123-7";
+    const std::string long_path = "/" + std::string(120, 'p');
+    struct Case {
+        std::string got, want;
+    } cases[] = {
+        {encode_job_handoff(path, false), pad(path, 100)},
+        {encode_job_handoff(path, true), "api " + path + '\0'},
+        {encode_job_handoff(long_path, false), long_path.substr(0, 99) + '\0'},
+        {encode_job_handoff(long_path, true), "api " + long_path.substr(0, 99) + '\0'},
+        {encode_peer_job_reply(path, false), pad(path, 100)},
+        {encode_peer_job_reply(path, true), path + "api" + '\0'},
+        {encode_control_text("cmd reset_modem"), pad("cmd reset_modem", 100)},
+        {encode_control_text(kLong), std::string(99, 'x') + '\0'},
+        {encode_broadcast_handoff("", false), std::string(100, '\0')},
+        {encode_broadcast_handoff(path, false), pad(path, 100)},
+        {encode_broadcast_handoff(path, true), pad("api " + path, 100)},
+        {encode_broadcast_handoff(long_path, true), "api " + long_path.substr(0, 95) + '\0'},
+    };
+    for (const auto& c : cases) EXPECT_EQ(c.got, c.want);
+}
+
+TEST(TxrxDatagramFormat, DecodesWhatATransceiverIsSent) {
+    using K = TxrxDatagram::Kind;
+    struct Case {
+        std::string bytes;
+        K kind;
+        std::string text;
+    } cases[] = {
+        {pad("/tmp/j", 100), K::Job, "/tmp/j"},
+        {"api /tmp/j-3" + std::string(1, '\0'), K::ApiJob, "/tmp/j-3"},
+        {pad("cmd set-sms-timer 5 ", 100), K::Control, "cmd set-sms-timer 5 "},
+        {"api cmd", K::Control, "api cmd"},
+        {"", K::Control, ""},
+        {std::string(100, '\0'), K::Control, ""},
+        {std::string("/a\0/b", 5), K::Job, "/a"},
+        {"/" + kLong, K::Job, "/" + kLong},
+    };
+    for (const auto& c : cases) {
+        TxrxDatagram d = decode_txrx_datagram(c.bytes);
+        EXPECT_EQ(d.kind, c.kind) << c.bytes.substr(0, 20);
+        EXPECT_EQ(d.text, c.text);
+    }
+}
+
+TEST(TxrxReportFormat, GoldenBytesAndDecoding) {
+    EXPECT_EQ(encode_job_done_report(), "P_JB");
+    EXPECT_EQ(encode_incoming_report("+4911", "ADD:Ann;+4912"),
+              "SMS:" + pad("+4911", 50) + "ADD:Ann;+4912");
+    EXPECT_EQ(encode_incoming_report(std::string(60, '1'), "x").substr(4, 50),
+              std::string(49, '1') + '\0');
+    EXPECT_EQ(encode_api_status_report("/tmp/req-4", 0), "SMS:api /tmp/req-4 0");
+
+    struct Case {
+        std::string datagram;
+        bool done;
+        std::string message;
+    } cases[] = {
+        {"P_JB", true, ""},    {"P_JBanything", true, ""},
+        {"", true, ""},        {"P_J", false, ""},
+        {"SMS:", false, ""},   {"SMS:abc", false, "abc"},
+        {"p_jbX", false, "X"}, {std::string("P_\0B", 4), false, ""},
+    };
+    for (const auto& c : cases) {
+        TxrxReport r = decode_txrx_report(c.datagram);
+        EXPECT_EQ(r.job_done, c.done) << c.datagram;
+        EXPECT_EQ(std::string(r.message), c.message) << c.datagram;
+    }
+}
+
+TEST(TxrxReportFormat, IncomingMessages) {
+    IncomingSms sms = decode_incoming_sms(pad("+4911", 50) + "Hello" + '\0' + "rest");
+    EXPECT_EQ(sms.sender_field, pad("+4911", 50));
+    EXPECT_EQ(sms.text, "Hello");
+    EXPECT_EQ(decode_incoming_sms(std::string(50, '1') + kLong).text, std::string(161, 'x'));
+    IncomingSms short_one = decode_incoming_sms("+49");
+    EXPECT_EQ(short_one.sender_field, pad("+49", 50));
+    EXPECT_EQ(short_one.text, "");
+
+    struct Case {
+        std::string line;
+        bool is_api;
+        std::string file;
+        int status;
+    } cases[] = {
+        {"api /tmp/r-5 0", true, "/tmp/r-5", 0},
+        {"api /tmp/r-5   606 x", true, "/tmp/r-5", 606},
+        {"api /tmp/r-5", true, "/tmp/r-5", -1},
+        {"api /tmp/r-5 ", true, "/tmp/r-5", -1},
+        {std::string("api f 7\0 9", 10), true, "f", 7},
+        {"api  12", true, "", 12},
+        {"API f 1", false, "", -1},
+        {"ap", false, "", -1},
+    };
+    for (const auto& c : cases) {
+        auto line = decode_api_status_line(c.line);
+        ASSERT_EQ(line.has_value(), c.is_api) << c.line;
+        if (!line) continue;
+        EXPECT_EQ(line->file, c.file) << c.line;
+        EXPECT_EQ(line->status, c.status) << c.line;
+    }
+}
+
+TEST(OutboxRecordFormat, GoldenBytesBothWays) {
+    OutboxRecord r;
+    append_outbox_recipient(r.recipients, "Friends");
+    r.is_slave = 1;
+    r.api_request_id = 42;
+    r.text = "Hi";
+    r.sender = "admin";
+    const std::string image = i32_bytes(8) + ",Friends" + i32_bytes(1) + i32_bytes(42) +
+                              i32_bytes(2) + "Hi" + i32_bytes(5) + "admin";
+    EXPECT_EQ(encode_outbox_record(r), image);
+    auto back = decode_outbox_record(image);
+    ASSERT_TRUE(back);
+    EXPECT_EQ(encode_outbox_record(*back), image);
+
+    for (const std::string& bad :
+         {image.substr(0, image.size() - 1), image + "x", i32_bytes(-1) + image.substr(4),
+          i32_bytes(9000) + image.substr(4), std::string("\0\0", 2)})
+        EXPECT_FALSE(decode_outbox_record(bad)) << bad.size();
+}
+
+TEST(OutboxRecordFormat, PeerResultOverwritesTheSlaveField) {
+    const std::string image =
+        i32_bytes(3) + ",+1" + i32_bytes(1) + i32_bytes(0) + i32_bytes(0) + i32_bytes(0);
+    std::string patched = image;
+    ASSERT_TRUE(set_outbox_slave_result(patched, 77));
+    EXPECT_EQ(patched, i32_bytes(3) + ",+1" + i32_bytes(77) + image.substr(11));
+
+    std::string at_end = i32_bytes(0);  // the field lies at the end: the image grows
+    ASSERT_TRUE(set_outbox_slave_result(at_end, 5));
+    EXPECT_EQ(at_end, i32_bytes(0) + i32_bytes(5));
+    std::string half = i32_bytes(0) + "ab";
+    ASSERT_TRUE(set_outbox_slave_result(half, 5));
+    EXPECT_EQ(half, i32_bytes(0) + i32_bytes(5));
+
+    for (std::string bad :
+         {i32_bytes(1), i32_bytes(-5) + "abcdefgh", i32_bytes(-4) + "abcd", std::string("ab")}) {
+        const std::string before = bad;
+        EXPECT_FALSE(set_outbox_slave_result(bad, 5));
+        EXPECT_EQ(bad, before);
+    }
+}
+
+TEST(StatisticsFormats, JobAndSmsCounters) {
+    EXPECT_EQ(encode_job_stats({0, 0, 1}), "0\n0\n1");
+    EXPECT_EQ(encode_job_stats({-3, 12, 7}), "-3\n12\n7");
+    struct Case {
+        std::string text;
+        bool ok;
+    } cases[] = {{"0\n0\n1", true},  {"4\n5\n6\n", true}, {"1\n2", false},   {"1\n2\n3\n4", false},
+                 {"1\nx\n3", false}, {"", false},         {"1\n\n3", false}, {kLong, false}};
+    for (const auto& c : cases) EXPECT_EQ(decode_job_stats(c.text).has_value(), c.ok) << c.text;
+    auto s = decode_job_stats("-3\n12\n7");
+    EXPECT_EQ(s->jobs, -3);
+    EXPECT_EQ(s->peer_replies, 12);
+    EXPECT_EQ(s->handoffs, 7);
+
+    SmsStats stats;
+    stats.counters[4] = 9;
+    stats.counters[5] = -1;
+    const std::string image = pad("", 16) + i32_bytes(9) + i32_bytes(-1);
+    EXPECT_EQ(encode_sms_stats(stats), image);
+    EXPECT_EQ(decode_sms_stats(image)->counters, stats.counters);
+    EXPECT_FALSE(decode_sms_stats(image.substr(0, 23)));
+    EXPECT_EQ(encode_sms_counter(258), i32_bytes(258));
+    EXPECT_EQ(decode_sms_counter(i32_bytes(-2)), -2);
+    EXPECT_FALSE(decode_sms_counter("abc"));
+}
+
+TEST(StatisticsFormats, ApiStatRecords) {
+    ApiStatRecord r;
+    r.id = 42;
+    r.status = kApiSentByPeer;
+    for (int i = 0; i < 11; ++i) r.time[static_cast<size_t>(i)] = i + 1;
+    r.peer_address = 0x0500000a;
+    r.peer_result = 3;
+    std::string image = i32_bytes(42) + i16_bytes(6) + pad("", 2);
+    for (int i = 0; i < 11; ++i) image += i32_bytes(i + 1);
+    const std::string want = image + i32_bytes(0x0500000a) + i32_bytes(3);
+    EXPECT_EQ(encode_api_stat_record(r), want);
+    auto back = decode_api_stat_record(want);
+    ASSERT_TRUE(back);
+    EXPECT_EQ(encode_api_stat_record(*back), want);
+    EXPECT_FALSE(decode_api_stat_record(want.substr(0, 59)));
+
+    // Records of ids 10, 11, 12 start at 4, 64 and 124.
+    struct Case {
+        int id;
+        long long offset;
+    } cases[] = {{12, 124}, {10, 4}, {11, 64}, {5, 64}, {13, 184}, {INT32_MIN, 64}};
+    for (const auto& c : cases) EXPECT_EQ(api_stat_record_offset(10, c.id), c.offset) << c.id;
+}
+
+TEST(InboxRecordFormat, GoldenBytesAndDamagedFiles) {
+    const std::string text = "+4911^|^24/03/01^|^12:05:09+04^|^TIMESETTINGS_LOOP_BACK_MSG";
+    const std::string image = i32_bytes(static_cast<int32_t>(text.size())) + text;
+    EXPECT_EQ(encode_inbox_record("+4911", "24/03/01", "12:05:09+04", "TIMESETTINGS_LOOP_BACK_MSG"),
+              image);
+    auto fields = split_inbox_record(text);
+    ASSERT_TRUE(fields);
+    EXPECT_EQ(fields->sender, "+4911");
+    EXPECT_EQ(fields->date, "24/03/01");
+    EXPECT_EQ(fields->time, "12:05:09+04");
+    EXPECT_EQ(fields->text, "TIMESETTINGS_LOOP_BACK_MSG");
+    EXPECT_FALSE(split_inbox_record("a^|^b^|^c"));
+
+    struct Case {
+        std::string name, file;
+        size_t records;
+    } cases[] = {
+        {"two", image + i32_bytes(3) + "abc", 2},
+        {"zero length", image + i32_bytes(0) + image, 1},
+        {"negative length", i32_bytes(-1) + image, 0},
+        {"length beyond", image + i32_bytes(4) + "abc", 1},
+        {"cut in a length", image + i32_bytes(4).substr(0, 3), 1},
+        {"long", i32_bytes(10000) + kLong, 1},
+        {"empty", "", 0},
+    };
+    for (const auto& c : cases) {
+        std::string_view rest = c.file;
+        size_t n = 0;
+        while (auto record = next_inbox_record(rest)) ++n;
+        EXPECT_EQ(n, c.records) << c.name;
+    }
+}
+
+}  // namespace
+}  // namespace smsgw

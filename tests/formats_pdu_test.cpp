@@ -1,0 +1,230 @@
+// PDU codec against published vectors and the part boundaries.
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "formats/gsm_alphabet.h"
+#include "formats/sms_pdu.h"
+
+namespace smsgw::pdu {
+namespace {
+
+std::string hex(std::string_view bytes) {
+    return to_hex(bytes);
+}
+std::string bytes(std::string_view h) {
+    auto b = from_hex(h);
+    EXPECT_TRUE(b) << h;
+    return b.value_or("");
+}
+std::string repeat(std::string_view s, size_t n) {
+    std::string out;
+    while (n--) out += s;
+    return out;
+}
+
+TEST(PduSubmit, PublishedVectors) {
+    struct Case {
+        const char* number;
+        const char* text;
+        const char* tpdu;
+    } cases[] = {
+        {"+46708251358", "hellohello", "11000B916407281553F80000AA0AE8329BFD4697D9EC37"},
+        {"+46708251358", "How are you?", "11000B916407281553F80000AA0CC8F71D14969741F977FD07"},
+        // Odd digit count: F-padded; no '+': type 0x81.
+        {"12345", "\xE2\x82\xAC", "110005812143F50000AA029B32"},   // euro: escape pair
+        {"+1", "\xF0\x9F\x98\x80", "11000191F10008AA04D83DDE00"},  // U+1F600 surrogate pair
+        {"0", "", "11000181F00000AA00"},
+    };
+    for (const auto& c : cases) {
+        auto parts = encode_submit(c.number, c.text, 0);
+        ASSERT_EQ(parts.size(), 1u) << c.text;
+        EXPECT_EQ(hex(parts[0]), c.tpdu) << c.text;
+        auto back = decode_submit(parts[0]);
+        ASSERT_TRUE(back);
+        EXPECT_EQ(back->to.text, c.number);
+        EXPECT_EQ(back->text, c.text);
+        EXPECT_FALSE(back->concat);
+    }
+}
+
+TEST(PduSubmit, PartBoundaries) {
+    const std::string euro = "\xE2\x82\xAC";       // two septets
+    const std::string zhe = "\xD0\xB6";            // UCS-2, one unit
+    const std::string smile = "\xF0\x9F\x98\x80";  // UCS-2, two units
+    struct Case {
+        std::string text;
+        std::vector<size_t> sizes;  // septets or units per part
+    } cases[] = {
+        {repeat("a", 160), {160}},
+        {repeat("a", 161), {153, 8}},
+        {repeat("a", 159) + euro, {153, 8}},
+        {repeat("a", 158) + euro, {160}},
+        {repeat("a", 152) + euro + repeat("b", 7), {152, 9}},  // the pair moves whole
+        {repeat(zhe, 70), {70}},
+        {repeat(zhe, 71), {67, 4}},
+        {repeat(zhe, 66) + smile + repeat(zhe, 3), {66, 5}},  // the surrogate pair moves whole
+        {repeat(zhe, 300), {67, 67, 67, 67, 32}},
+    };
+    for (const auto& c : cases) {
+        auto parts = encode_submit("+4912", c.text, 0x42);
+        ASSERT_EQ(parts.size(), c.sizes.size()) << c.text.size();
+        std::string joined;
+        for (size_t i = 0; i < parts.size(); ++i) {
+            auto s = decode_submit(parts[i]);
+            ASSERT_TRUE(s);
+            joined += s->text;
+            auto units = gsm::decode_utf8(s->text);
+            size_t size = 0;
+            for (char32_t ch : units) {
+                uint8_t sep[2];
+                size += s->dcs == kDcsUcs2 ? gsm::ucs2_units(ch) : gsm::septets_for(ch, sep);
+            }
+            EXPECT_EQ(size, c.sizes[i]);
+            if (parts.size() == 1) {
+                EXPECT_FALSE(s->concat);
+                continue;
+            }
+            ASSERT_TRUE(s->concat);
+            EXPECT_EQ(s->concat->ref, 0x42);
+            EXPECT_EQ(s->concat->total, parts.size());
+            EXPECT_EQ(s->concat->seq, i + 1);
+        }
+        EXPECT_EQ(joined, c.text);
+    }
+    // The first part of a long 7-bit text: UDHI, UDL 160 = 7 header septets
+    // + 153, the header, one fill bit, then the text.
+    auto parts = encode_submit("+123", repeat("a", 161), 0xCC);
+    EXPECT_EQ(hex(parts[0].substr(0, 18)), "5100039121F30000AAA0050003CC0201C2E1");
+}
+
+TEST(PduDeliver, PublishedAndBuiltVectors) {
+    auto d = decode_deliver(
+        bytes("07917283010010F5040BC87238880900F10000993092516195800AE8329BFD4697D9EC37"));
+    ASSERT_TRUE(d);
+    EXPECT_EQ(d->from.text, "27838890001");
+    EXPECT_EQ(d->text, "hellohello");
+    EXPECT_EQ(date_stamp(d->scts), "99/03/29");
+    EXPECT_EQ(time_stamp(d->scts), "15:16:59+08");
+
+    struct Case {
+        Deliver in;
+        const char* pdu;
+    } cases[] = {
+        // Negative zone (-4 h = -16 quarters: sign bit 0x08), 7-bit text.
+        {{{"+4915", kTypeInternational}, {24, 3, 1, 12, 5, 9, -16}, 0, kDcsGsm7, {}, "Hi"},
+         "0000049194510000423010215090690"
+         "2C834"},
+        // Alphanumeric originator, 16-bit reference, UCS-2.
+        {{{"Bank", kTypeAlphanumeric},
+          {26, 12, 31, 23, 59, 58, 4},
+          0,
+          kDcsUcs2,
+          Concat{0x1234, 2, 1, true},
+          "\xC3\xA9"},
+         "004007D0C2B07B0D0008622113329585400906080412340201"
+         "00E9"},
+        // 8-bit data reads as Latin-1.
+        {{{"1", kTypeUnknown}, {}, 0, kDcsData8, {}, "\xC3\xBF"},
+         "00000181F10004001010000000000"
+         "1FF"},
+    };
+    for (const auto& c : cases) {
+        std::string pdu = encode_deliver(c.in);
+        EXPECT_EQ(hex(pdu), c.pdu);
+        auto back = decode_deliver(pdu);
+        ASSERT_TRUE(back);
+        EXPECT_EQ(back->from.text, c.in.from.text);
+        EXPECT_EQ(back->text, c.in.text);
+        EXPECT_EQ(time_stamp(back->scts), time_stamp(c.in.scts));
+        EXPECT_EQ(back->concat.has_value(), c.in.concat.has_value());
+        if (back->concat) {
+            EXPECT_EQ(back->concat->ref, c.in.concat->ref);
+        }
+    }
+}
+
+TEST(PduDeliver, DamagedInputIsRefusedOrVoidsOnlyTheElement) {
+    // 07.. "hellohello" with a header; each case damages one length.
+    struct Case {
+        const char* pdu;
+        bool decodes;
+        bool concat;
+    } cases[] = {
+        {"0004038121F300009930925161958005C8329BFD0E", true, false},
+        {"0004038121F300009930925161958006C8329BFD0E", false, false},  // UDL beyond data
+        {"0004038121F30000993092516195", false, false},                // cut in the stamp
+        {"0004158121F300009930925161958000", false, false},            // address too long
+        {"0044038121F30008993092516195800605000301020100", true, true},
+        {"0044038121F3000899309251619580060500030102"
+         "00",
+         true, false},  // part 0
+        {"0044038121F3000899309251619580060500030102"
+         "03",
+         true, false},                                                     // beyond the total
+        {"0044038121F30008993092516195800609000301020100", false, false},  // UDHL beyond data
+        {"0044038121F30008993092516195800605000401020100", false, false},  // element beyond UDH
+        {"0044038121F30000993092516195800000", false, false},              // UDHI, no data
+        {"0001038121F300009930925161958000", false, false},                // a SUBMIT
+        {"00040381FFFF0000993092516195800000", true, false},               // F digits stop
+        {"0004038121F300F0993092516195800001", true, false},               // class 0 7-bit
+        {"0004038121F300009A30925161958000", false, false},                // BCD A
+    };
+    for (const auto& c : cases) {
+        auto d = decode_deliver(bytes(c.pdu));
+        EXPECT_EQ(d.has_value(), c.decodes) << c.pdu;
+        if (d) {
+            EXPECT_EQ(d->concat.has_value(), c.concat) << c.pdu;
+        }
+    }
+    for (const char* h : {"0", "0G", "zz", "123"}) EXPECT_FALSE(from_hex(h)) << h;
+    EXPECT_EQ(from_hex("aBcD"), std::string("\xAB\xCD"));
+}
+
+TEST(PduNumbers, AcceptedAndRefused) {
+    for (const char* n : {"+12345678901234567890", "0", "+1", "00491234"})
+        EXPECT_EQ(number_problem(n), "") << n;
+    for (const char* n : {"", "+", "+123456789012345678901", "12a4", "+49 123", "++1", "1+2"})
+        EXPECT_NE(number_problem(n), "") << n;
+}
+
+TEST(GsmAlphabet, Conversions) {
+    // Every default character and every extension character round-trips.
+    std::u32string all;
+    for (uint8_t s = 0; s < 128; ++s)
+        if (s != gsm::kEscape) all += gsm::from_septets({s});
+    all += U"\f^{}\\[~]|\u20AC";
+    std::vector<uint8_t> septets;
+    ASSERT_TRUE(gsm::to_septets(all, septets));
+    EXPECT_EQ(septets.size(), 127u + 20u);
+    EXPECT_EQ(gsm::from_septets(septets), all);
+    EXPECT_FALSE(gsm::to_septets(U"a\u00E7", septets));  // c-cedilla has no septet
+    EXPECT_EQ(gsm::from_septets({0x1B, 0x41}), U"A");    // unknown extension
+    EXPECT_EQ(gsm::from_septets({0x41, 0x1B}), U"A ");   // lone final escape
+
+    // UTF-8 where valid, Latin-1 byte by byte elsewhere.
+    struct Case {
+        std::string in;
+        std::u32string out;
+    } cases[] = {
+        {"a\xC3\xA9", U"a\u00E9"},
+        {"\xE9t\xE9", U"\u00E9t\u00E9"},
+        {"\xC0\x80", U"\u00C0\u0080"},            // overlong
+        {"\xED\xA0\x80", U"\u00ED\u00A0\u0080"},  // surrogate
+        {"\xF4\x90\x80\x80", U"\u00F4\u0090\u0080\u0080"},
+        {"\xF0\x9F\x98\x80", U"\U0001F600"},
+        {"\xE2\x82", U"\u00E2\u0082"},  // cut short
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(gsm::decode_utf8(c.in), c.out) << c.in;
+        EXPECT_EQ(gsm::decode_utf8(gsm::to_utf8(c.out)), c.out);
+    }
+    EXPECT_EQ(gsm::from_ucs2(std::string("\xD8\x3D\x00\x41", 4)),
+              U"\uFFFD"
+              U"A");
+    EXPECT_EQ(gsm::from_ucs2(std::string("\x00\x41\x00", 3)), U"A");
+    EXPECT_EQ(hex(gsm::pack_septets({0x41}, 7)), "00000000000082");
+}
+
+}  // namespace
+}  // namespace smsgw::pdu

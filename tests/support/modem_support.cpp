@@ -1,0 +1,111 @@
+#include "support/modem_support.h"
+
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cstring>
+
+namespace smsgw::test {
+
+namespace {
+
+std::vector<std::string> launch(const char* program) {
+    std::vector<std::string> argv = exec_prefix();
+    argv.emplace_back(program);
+    return argv;
+}
+
+}  // namespace
+
+SimModem::SimModem(const std::string& root, const std::string& tty)
+    : log_(root + "/var/run/modem-sim." + tty + ".log"),
+      control_(root + "/var/run/modem-sim." + tty + ".ctl") {
+    std::vector<std::string> argv = launch(MODEM_SIM_PATH);
+    argv.insert(argv.end(), {"--root", root, "--tty", tty});
+    child_ = std::make_unique<Child>(argv, root + "/modem-sim." + tty + ".out");
+    wait_for([&] { return !lines("START").empty() && exists(control_); });
+}
+
+std::string SimModem::ctl(const std::string& cmd) const {
+    int fd = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    sockaddr_un self{};
+    self.sun_family = AF_UNIX;
+    sockaddr_un to{};
+    to.sun_family = AF_UNIX;
+    std::strncpy(to.sun_path, control_.c_str(), sizeof to.sun_path - 1);
+    std::string answer;
+    char buf[256];
+    pollfd p{fd, POLLIN, 0};
+    if (::bind(fd, reinterpret_cast<sockaddr*>(&self), sizeof(sa_family_t)) == 0 &&
+        ::sendto(fd, cmd.data(), cmd.size(), 0, reinterpret_cast<sockaddr*>(&to), sizeof to) >= 0 &&
+        ::poll(&p, 1, 5000) > 0) {
+        ssize_t n = ::recv(fd, buf, sizeof buf, 0);
+        if (n > 0) answer.assign(buf, static_cast<size_t>(n));
+    }
+    ::close(fd);
+    return answer;
+}
+
+std::vector<std::string> SimModem::lines(const std::string& prefix) const {
+    return lines_starting(read_file(log_), prefix);
+}
+
+bool SimModem::wait_lines(const std::string& prefix, size_t n,
+                          std::chrono::milliseconds deadline) const {
+    return wait_for([&] { return lines(prefix).size() >= n; }, deadline);
+}
+
+std::vector<std::string> fast_txrx_options() {
+    return {"--timeout-ms", "300", "--send-timeout-ms", "600",
+            "--backoff-ms", "50",  "--reopen-ms",       "100"};
+}
+
+std::unique_ptr<Child> start_txrx(const std::string& root, int offset, const std::string& device,
+                                  std::vector<std::string> options) {
+    std::vector<std::string> argv = launch(TXRX_PATH);
+    argv.insert(argv.end(), options.begin(), options.end());
+    argv.push_back(device);
+    std::string tty = device.substr(device.rfind('/') + 1);
+    return std::make_unique<Child>(
+        argv, root + "/txrx." + tty + ".err", "",
+        std::vector<std::string>{"SMSGW_ROOT=" + root,
+                                 "SMSGW_PORT_OFFSET=" + std::to_string(offset)});
+}
+
+void install_txrx(const std::string& root, const std::vector<std::string>& options) {
+    // The wrapper keeps its own path as argv[0]: the daemon recognises its
+    // children by it.
+    std::string script = "#!/bin/bash\nexec -a \"$0\"";
+    for (const auto& w : launch(TXRX_PATH)) script += " '" + w + "'";
+    for (const auto& o : options) script += " '" + o + "'";
+    script += " \"$@\" 2>>\"$SMSGW_ROOT/txrx.err\"\n";
+    std::string path = root + "/bin/txrx";
+    ::unlink(path.c_str());
+    write_file(path, script);
+    ::chmod(path.c_str(), 0755);
+}
+
+std::string write_job(const std::string& root, const std::string& name, const std::string& text,
+                      const std::vector<std::string>& numbers) {
+    std::string body = text.substr(0, 160);
+    body.resize(160, '\0');
+    for (std::string n : numbers) {
+        n.resize(50, '\0');
+        body += n;
+    }
+    std::string path = root + "/tmp/" + name;
+    write_file(path, body);
+    return path;
+}
+
+std::string handoff(const std::string& path, bool api) {
+    if (api) return "api " + path + std::string(1, '\0');
+    std::string d = path;
+    d.resize(100, '\0');
+    return d;
+}
+
+}  // namespace smsgw::test

@@ -25,7 +25,7 @@
 
 namespace smsgw {
 
-// Status codes the daemon writes.
+// Status codes of api requests.
 enum ApiStatus : int {
     kApiAccepted = 0,              // an api3 trigger was acted on
     kApiTaken = 2,                 // the send handler took the request
@@ -36,6 +36,11 @@ enum ApiStatus : int {
     kApiQueueFull = 608,           // the job queue refused the job
     kApiTriggerRefused = 610,      // an api3 trigger was refused
     kApiSendTriggerRefused = 611,  // an api2 trigger was refused
+    // Written by the transceiver when an api job ends (0 when every
+    // recipient got the message).
+    kApiSomeUndelivered = 620,  // at least one recipient did not get it
+    kApiNoneDelivered = 621,    // no recipient got it, or there was none
+    kApiJobRefused = 622,       // the job file was refused or damaged
 };
 
 struct ApiStatRecord {

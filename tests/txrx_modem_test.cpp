@@ -54,7 +54,7 @@ TEST_F(TxrxModem, SendsEveryRecipientOnceAndReportsTheJobOnce) {
                                       {"+4911", "0172", "12#4", std::string(50, '5')});
     hand(handoff(job, true));
     hand(handoff(job));  // the daemon's second datagram for the same job
-    EXPECT_EQ(reports(), (std::vector<std::string>{"API:api " + job + " 620", "P_JB"}));
+    EXPECT_EQ(reports(), (std::vector<std::string>{"SMS:api " + job + " 620", "P_JB"}));
     EXPECT_EQ(sim.lines("SUBMIT"),
               (std::vector<std::string>{"SUBMIT to=+4911 dcs=0 text=Hello {1}",
                                         "SUBMIT to=0172 dcs=0 text=Hello {1}"}));
@@ -69,7 +69,7 @@ TEST_F(TxrxModem, SendsEveryRecipientOnceAndReportsTheJobOnce) {
     hand(handoff(root_ / "elsewhere", true));
     hand("cmd set-sms-timer 30 ");
     EXPECT_EQ(reports(), (std::vector<std::string>{
-                             "P_JB", "API:api " + root_ / "elsewhere" + " 622", "P_JB"}));
+                             "P_JB", "SMS:api " + root_ / "elsewhere" + " 622", "P_JB"}));
     EXPECT_FALSE(exists(empty));
     EXPECT_TRUE(exists(root_ / "elsewhere"));
     EXPECT_EQ(sim.lines("SUBMIT").size(), 2u);
@@ -86,7 +86,7 @@ TEST_F(TxrxModem, ErrorsAreRetriedAndASilentModemIsStartedAgain) {
     const std::string job =
         write_job(root_.path(), "file3-9", "\xD0\x96 " + std::string(70, 'a'), {"+1"});
     hand(handoff(job, true));
-    EXPECT_EQ(reports(), (std::vector<std::string>{"API:api " + job + " 0", "P_JB"}));
+    EXPECT_EQ(reports(), (std::vector<std::string>{"SMS:api " + job + " 0", "P_JB"}));
     EXPECT_EQ(sim.lines("SUBMIT-FAILED").size(), 1u);
     // 72 characters in UCS-2: two parts, each sent once after the retry.
     EXPECT_EQ(sim.lines("SUBMIT-FAILED to=+1 dcs=8 part=1/2").size(), 1u);
@@ -159,7 +159,7 @@ TEST_F(TxrxModem, TwoModemsShareAJobAndReportItOnce) {
     const std::string job = write_job(root_.path(), "file5-3", "shared", numbers);
     hand(handoff(job, true));
     hand(handoff(job));
-    EXPECT_EQ(reports(), (std::vector<std::string>{"API:api " + job + " 0", "P_JB"}));
+    EXPECT_EQ(reports(), (std::vector<std::string>{"SMS:api " + job + " 0", "P_JB"}));
     std::map<std::string, int> sent;
     for (SimModem* m : {&a, &b}) {
         EXPECT_FALSE(m->lines("SUBMIT").empty());

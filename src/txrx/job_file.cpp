@@ -8,14 +8,15 @@
 #include <cerrno>
 #include <cstdlib>
 
-#include "common/bytes.h"
+#include "formats/job_file.h"
+#include "formats/txrx_datagram.h"
 
 namespace smsgw::txrx {
 
 namespace {
 
-constexpr size_t kTextField = 160;
-constexpr size_t kNumberRecord = 50;
+constexpr size_t kTextField = smsgw::JobFile::kTextSize;
+constexpr size_t kNumberRecord = smsgw::JobFile::kRecordSize;
 constexpr size_t kMaxPath = 99;  // a hand-off datagram is 100 bytes with its NUL
 
 std::string real_dir(const std::string& dir) {
@@ -26,15 +27,9 @@ std::string real_dir(const std::string& dir) {
 }  // namespace
 
 std::optional<Handoff> parse_handoff(std::string_view datagram) {
-    datagram = datagram.substr(0, datagram.find('\0'));
-    Handoff h;
-    if (datagram.substr(0, 4) == "api ") {
-        h.api = true;
-        datagram.remove_prefix(4);
-    }
-    if (datagram.empty() || datagram[0] != '/') return std::nullopt;
-    h.path = std::string(datagram);
-    return h;
+    TxrxDatagram d = decode_txrx_datagram(datagram);
+    if (d.kind == TxrxDatagram::Kind::Control) return std::nullopt;
+    return Handoff{d.text, d.kind == TxrxDatagram::Kind::ApiJob};
 }
 
 std::optional<JobFile> JobFile::open(const std::string& path, const std::string& spool,
@@ -61,24 +56,31 @@ std::optional<JobFile> JobFile::open(const std::string& path, const std::string&
         *why = "not a regular file";
         return std::nullopt;
     }
-    char text[kTextField];
-    if (st.st_size < static_cast<off_t>(kTextField) ||
-        ::pread(job.fd_.get(), text, kTextField, 0) != static_cast<ssize_t>(kTextField)) {
+    job.text_field_.resize(kTextField);
+    auto decoded = ::pread(job.fd_.get(), job.text_field_.data(), kTextField, 0) ==
+                           static_cast<ssize_t>(kTextField)
+                       ? decode_job_file(job.text_field_)
+                       : std::nullopt;
+    if (!decoded) {
         *why = "shorter than its text field";
         return std::nullopt;
     }
-    job.text_ = field_text(text, kTextField);
+    job.text_ = decoded->text();
     job.recipients_ = (static_cast<size_t>(st.st_size) - kTextField) / kNumberRecord;
     why->clear();
     return job;
 }
 
 std::optional<std::string> JobFile::recipient(size_t i) const {
-    char rec[kNumberRecord];
+    // The text field and the one record: a job file of one recipient.
+    std::string image = text_field_ + std::string(kNumberRecord, '\0');
     auto at = static_cast<off_t>(kTextField + kNumberRecord * i);
-    if (i >= recipients_ || ::pread(fd_.get(), rec, sizeof rec, at) != sizeof rec)
+    if (i >= recipients_ ||
+        ::pread(fd_.get(), image.data() + kTextField, kNumberRecord, at) != kNumberRecord)
         return std::nullopt;
-    return field_text(rec, sizeof rec);
+    auto job = decode_job_file(image);
+    if (!job || job->numbers.size() != 1) return std::nullopt;
+    return job->numbers[0];
 }
 
 }  // namespace smsgw::txrx

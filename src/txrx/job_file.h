@@ -37,6 +37,7 @@ class JobFile {
   private:
     JobFile() = default;
     Fd fd_;
+    std::string text_field_;
     std::string text_;
     size_t recipients_ = 0;
 };

@@ -7,7 +7,9 @@
 #include <ctime>
 
 #include "common/fileops.h"
+#include "formats/api_status.h"
 #include "formats/sms_pdu.h"
+#include "formats/txrx_report.h"
 #include "txrx/log.h"
 #include "txrx/peers.h"
 
@@ -24,8 +26,8 @@ uint64_t now_ms() {
 }
 
 int status_of(const LedgerHeader& h) {
-    if (h.count > 0 && h.delivered == h.count) return kApiAllSent;
-    return h.delivered > 0 ? kApiSomeFailed : kApiNoneSent;
+    if (h.count > 0 && h.delivered == h.count) return kApiAccepted;
+    return h.delivered > 0 ? kApiSomeUndelivered : kApiNoneDelivered;
 }
 
 bool starts_with(const std::string& s, std::string_view p) {
@@ -53,12 +55,12 @@ bool JobWorker::accept(const Handoff& handoff) {
     auto job = JobFile::open(handoff.path, spool_, &why);
     if (!job) {
         log("job %s refused: %s", handoff.path.c_str(), why.c_str());
-        end_at_once(handoff, kApiJobUnreadable, false);
+        end_at_once(handoff, kApiJobRefused, false);
         return false;
     }
     if (job->recipients() == 0) {
         log("job %s has no recipients", handoff.path.c_str());
-        end_at_once(handoff, kApiNoneSent, true);
+        end_at_once(handoff, kApiNoneDelivered, true);
         return false;
     }
     LedgerHeader h;
@@ -90,8 +92,8 @@ void JobWorker::end_at_once(const Handoff& handoff, int status, bool remove_job)
     if (ledger) {
         finish(*ledger, status);
     } else {
-        if (h.api) reporter_.send(api_status_report(h.job_path, status));
-        reporter_.send(job_done_report());
+        if (h.api) reporter_.send(encode_api_status_report(h.job_path, status));
+        reporter_.send(encode_job_done_report());
     }
 }
 
@@ -99,8 +101,8 @@ void JobWorker::finish(JobLedger& ledger, int forced_status) {
     auto h = ledger.header();
     if (!h) return;
     int status = forced_status >= 0 ? forced_status : status_of(*h);
-    if (h->api) reporter_.send(api_status_report(h->job_path, status));
-    reporter_.send(job_done_report());
+    if (h->api) reporter_.send(encode_api_status_report(h->job_path, status));
+    reporter_.send(encode_job_done_report());
     if (h->count > 0) remove_file(h->job_path);
     ledger.set_reported();
     log("job %s ended: %u of %u sent", h->job_path.c_str(), h->delivered, h->count);

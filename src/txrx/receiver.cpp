@@ -8,6 +8,7 @@
 
 #include "common/fileops.h"
 #include "common/paths.h"
+#include "formats/inbox_record.h"
 #include "txrx/log.h"
 
 namespace smsgw::txrx {
@@ -84,8 +85,8 @@ void Receiver::assemble(const std::string& key, int total, bool force) {
 }
 
 bool Receiver::deliver(const pdu::Deliver& message, const std::string& text) {
-    std::string record = inbox_record(message.from.text, pdu::date_stamp(message.scts),
-                                      pdu::time_stamp(message.scts), text);
+    std::string record = encode_inbox_record(message.from.text, pdu::date_stamp(message.scts),
+                                             pdu::time_stamp(message.scts), text);
     if (!append_inbox(inbox_, record)) {
         log("cannot write the inbox %s", inbox_.c_str());
         return false;

@@ -6,7 +6,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "common/bytes.h"
+#include "formats/txrx_report.h"
 
 namespace smsgw::txrx {
 
@@ -23,30 +23,8 @@ std::string_view cut_utf8(std::string_view text, size_t max) {
 
 }  // namespace
 
-std::string job_done_report() {
-    return "P_JB";
-}
-
-std::string api_status_report(std::string_view job_path, int status) {
-    return "API:api " + std::string(job_path) + " " + std::to_string(status);
-}
-
 std::string incoming_report(std::string_view sender, std::string_view text) {
-    char field[50];
-    copy_field(field, sizeof field, sender);
-    std::string out = "SMS:";
-    out.append(field, sizeof field);
-    out.append(cut_utf8(text, kReportTextMax));
-    return out;
-}
-
-std::string inbox_record(std::string_view sender, std::string_view date, std::string_view time,
-                         std::string_view text) {
-    std::string body = std::string(sender) + "^|^" + std::string(date) + "^|^" + std::string(time) +
-                       "^|^" + std::string(text);
-    std::string out;
-    append_i32(out, static_cast<int32_t>(body.size()));
-    return out + body;
+    return encode_incoming_report(sender, cut_utf8(text, kReportTextMax));
 }
 
 Reporter::Reporter(uint16_t port)

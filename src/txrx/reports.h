@@ -1,5 +1,5 @@
-// What txrx tells the daemon (UDP 20206+N) and writes for it: the job-done
-// report, the api status line, incoming messages, and inbox records.
+// Sending reports to the daemon (UDP 20206+N) and writing inbox records;
+// their layouts are the formats library's (txrx_report.h, inbox_record.h).
 #pragma once
 
 #include <cstdint>
@@ -21,11 +21,8 @@ inline constexpr int kApiJobUnreadable = 622;  // the job file was refused or da
 // the 50-byte sender); longer texts are cut at a character boundary.
 inline constexpr size_t kReportTextMax = 156;
 
-std::string job_done_report();
-std::string api_status_report(std::string_view job_path, int status);
+// The incoming-message report, its text cut to kReportTextMax bytes.
 std::string incoming_report(std::string_view sender, std::string_view text);
-std::string inbox_record(std::string_view sender, std::string_view date, std::string_view time,
-                         std::string_view text);
 
 // Sends datagrams to the daemon's report port from one socket.
 class Reporter {

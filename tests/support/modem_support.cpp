@@ -6,7 +6,10 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
+
+#include "formats/job_file.h"
 
 namespace smsgw::test {
 
@@ -90,14 +93,11 @@ void install_txrx(const std::string& root, const std::vector<std::string>& optio
 
 std::string write_job(const std::string& root, const std::string& name, const std::string& text,
                       const std::vector<std::string>& numbers) {
-    std::string body = text.substr(0, 160);
-    body.resize(160, '\0');
-    for (std::string n : numbers) {
-        n.resize(50, '\0');
-        body += n;
-    }
     std::string path = root + "/tmp/" + name;
-    write_file(path, body);
+    std::string image = encode_job_file(text, {});
+    for (const std::string& n : numbers)
+        image += std::string(n).append(50 - std::min<size_t>(n.size(), 50), '\0').substr(0, 50);
+    write_file(path, image);
     return path;
 }
 

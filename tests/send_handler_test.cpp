@@ -115,7 +115,7 @@ TEST_F(SendTest, SectionsBecomeJobRecordsAndOutboxItems) {
         EXPECT_EQ(job.substr(0, 160), std::string("Hello there") + std::string(149, '\0'));
         EXPECT_EQ(job_numbers(job), c.expect_numbers);
         EXPECT_EQ(slave_outbox(), outbox_record(c.expect_items, 1, 0, "Hello there", "admin"));
-        EXPECT_EQ(sender.recipients().recipient_count, 0);
+        EXPECT_EQ(sender.recipients().recipient_count(), 0);
         EXPECT_FALSE(test::exists(dir / "var/run/send_test_file"));
     }
 }

@@ -1,8 +1,11 @@
-// The recipient set: order of the written records, duplicates, the count
-// limit and its file exception, record bytes, teardown.
+// The recipient set: against a reference model (order, case-blind
+// duplicates, refusals, the limit, count, record bytes), teardown, the file
+// list beyond the limit, contacts and groups.
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <map>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -30,7 +33,7 @@ std::vector<std::string> records(const std::string& image) {
     return out;
 }
 
-std::string written(const RecipientSet& set, const TempDir& dir) {
+std::string written(RecipientSet& set, const TempDir& dir) {
     std::string path = dir / "records";
     FilePtr f = open_file(path, "w");
     EXPECT_TRUE(set.recipients_write(f.get()));
@@ -45,53 +48,67 @@ struct RecipientsTest : ::testing::Test {
     TempDir dir;
 };
 
-TEST_F(RecipientsTest, WritesNumbersInTreeOrderOnce) {
-    // Inserted out of order, with splits inside labels and a prefix of an
-    // existing number, plus duplicates.
+TEST_F(RecipientsTest, BehavesLikeAnOrderedCaseBlindSet) {
+    // The model: numbers keyed by their case-folded text, the first spelling
+    // kept, written in the byte order of the keys.
+    std::map<std::string, std::string> model;
+    auto fold = [](std::string s) {
+        for (char& c : s)
+            if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+        return s;
+    };
+    // Few symbols and short numbers make duplicates and shared beginnings
+    // common; NUL and high bytes must sort as unsigned bytes.
+    const std::string symbols = std::string("12+aAbZz\xe9", 9) + std::string(1, '\0');
+    std::mt19937 rng(2024);
+    for (int i = 0; i < 40000; ++i) {
+        std::string n;
+        size_t len = rng() % 8 == 0 ? 44 + rng() % 8 : rng() % 12;
+        while (n.size() < len) n += symbols[rng() % symbols.size()];
+        int unlimited = static_cast<int>(rng() % 2);
+        bool fits = !n.empty() && n.size() <= 49;
+        bool room = unlimited || model.size() < static_cast<size_t>(RecipientSet::kLimit);
+        bool expected = fits && room && model.emplace(fold(n), n).second;
+        ASSERT_EQ(set.recipients_add(n, unlimited), expected) << i;
+        ASSERT_EQ(set.recipient_count(), static_cast<int>(model.size())) << i;
+    }
+    EXPECT_GT(model.size(), static_cast<size_t>(RecipientSet::kLimit));  // the limit was met
+    std::string image;
+    for (auto [key, number] : model) image += number.append(50 - number.size(), '\0');
+    EXPECT_EQ(written(set, dir), image);
+
+    set.recipients_clear();
+    EXPECT_EQ(set.recipient_count(), 0);
+    EXPECT_EQ(written(set, dir), "");
     for (const char* n : {"13", "123", "12", "+4930", "+4912", "123", "1", "+49", "12"})
         set.recipients_add(n, 0);
-    EXPECT_EQ(set.recipient_count, 7);
     EXPECT_EQ(records(written(set, dir)),
               (std::vector<std::string>{"+49", "+4912", "+4930", "1", "12", "123", "13"}));
-}
-
-TEST_F(RecipientsTest, DuplicatesEmptyAndOverlongNumbersAreRefused) {
-    std::string n49(49, '7'), n50(50, '8');
-    EXPECT_NE(set.recipients_add(n49, 0), nullptr);
-    EXPECT_EQ(set.recipients_add(n49, 0), nullptr);
-    EXPECT_EQ(set.recipients_add(n49, 1), nullptr);
-    EXPECT_EQ(set.recipients_add(n50, 0), nullptr);  // would leave no terminator
-    EXPECT_EQ(set.recipients_add("", 0), nullptr);
-    EXPECT_EQ(set.recipient_count, 1);
-    std::string image = written(set, dir);
-    ASSERT_EQ(image.size(), 50u);
-    EXPECT_EQ(image.substr(0, 49), n49);
-    EXPECT_EQ(image[49], '\0');
-    // A missing list file counts as empty.
-    set.recipients_add_file(dir / "absent");
-    EXPECT_EQ(set.recipient_count, 1);
 }
 
 TEST_F(RecipientsTest, LimitStopsCountedInsertionsButNotTheFile) {
     char buf[16];
     for (int i = 0; i < RecipientSet::kLimit; ++i) {
         std::snprintf(buf, sizeof buf, "9%07d", i);
-        ASSERT_NE(set.recipients_add(buf, 0), nullptr) << i;
+        ASSERT_TRUE(set.recipients_add(buf, 0)) << i;
     }
-    EXPECT_EQ(set.recipients_add("123", 0), nullptr);
+    EXPECT_FALSE(set.recipients_add("123", 0));
     ab.ab_insert("Late", "456", "");
     set.recipients_add_contact("Late");
-    EXPECT_EQ(set.recipient_count, RecipientSet::kLimit);
+    EXPECT_EQ(set.recipient_count(), RecipientSet::kLimit);
 
     std::string list = dir / "list";
     test::write_file(list, "123\n" + std::string(50, '5') + "\n124\nno-newline");
     set.recipients_add_file(list);
     EXPECT_FALSE(test::exists(list));
-    EXPECT_EQ(set.recipient_count, RecipientSet::kLimit + 2);  // 123 and 124 only
+    EXPECT_EQ(set.recipient_count(), RecipientSet::kLimit + 2);  // 123 and 124 only
     auto nums = records(written(set, dir));
     ASSERT_EQ(nums.size(), static_cast<size_t>(RecipientSet::kLimit + 2));
     EXPECT_EQ(nums[0], "123");
     EXPECT_EQ(nums[1], "124");
+    // A missing list counts as empty.
+    set.recipients_add_file(dir / "absent");
+    EXPECT_EQ(set.recipient_count(), RecipientSet::kLimit + 2);
 }
 
 TEST_F(RecipientsTest, ContactsAndGroupsAreMergedWithoutDuplicates) {
@@ -101,35 +118,23 @@ TEST_F(RecipientsTest, ContactsAndGroupsAreMergedWithoutDuplicates) {
     ab.ab_insert("Carl", "+4911", "");  // same number as one of Alice's
     ab.group_create("Friends");
     ab.group_create("Work");
+    ab.group_create("Empty");
     ab.group_add_contact("Friends", "Bob");
     ab.group_add_contact("Friends", "Carl");
     ab.group_add_contact("Work", "Bob");
 
     EXPECT_EQ(set.recipients_add_contact("alice"), 1);  // names ignore case
     EXPECT_EQ(set.recipients_add_contact("Nobody"), 0);
-    EXPECT_EQ(set.recipients_add_all_groups(), 2);
+    EXPECT_EQ(set.recipients_add_group("Friends"), 0);  // Carl's number was there
+    EXPECT_EQ(set.recipients_add_all_groups(), 3);
     EXPECT_EQ(set.recipients_add_group("Missing"), 1);
+    EXPECT_EQ(set.recipients_add_group("Empty"), 1);
     EXPECT_EQ(records(written(set, dir)), (std::vector<std::string>{"+4911", "+4922", "+4933"}));
 
     set.recipients_clear();
+    EXPECT_EQ(set.recipients_add_group("Work"), 1);
     set.recipients_add_all_contacts();
-    EXPECT_EQ(set.recipient_count, 3);
-}
-
-TEST_F(RecipientsTest, ClearLeavesAnEmptyReusableSet) {
-    // A long sibling chain and a deep child chain must both tear down
-    // without recursion.
-    std::string deep;
-    for (int i = 0; i < 3000; ++i) {
-        deep += static_cast<char>('0' + i % 10);
-        if (deep.size() < 50) set.recipients_add(deep, 1);
-    }
-    for (int i = 0; i < 20000; ++i) set.recipients_add(std::to_string(i * 7919 + 100000), 1);
-    set.recipients_clear();
-    EXPECT_EQ(set.recipient_count, 0);
-    EXPECT_EQ(written(set, dir), "");
-    set.recipients_add("42", 0);
-    EXPECT_EQ(records(written(set, dir)), std::vector<std::string>{"42"});
+    EXPECT_EQ(set.recipient_count(), 3);
 }
 
 }  // namespace

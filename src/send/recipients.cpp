@@ -4,120 +4,95 @@
 
 #include <algorithm>
 #include <cstring>
-#include <vector>
 
 #include "common/fileops.h"
-#include "common/text.h"
 
 namespace smsgw {
 
 namespace {
 
-// tolower() of the C locale, inline: it runs for every byte compared while
-// a large group is merged.
-inline int lower(char c) {
+// tolower() of the C locale, inline: it runs for every byte hashed and
+// compared.
+inline unsigned char lower(char c) {
     auto u = static_cast<unsigned char>(c);
-    return u >= 'A' && u <= 'Z' ? u + ('a' - 'A') : u;
+    return u >= 'A' && u <= 'Z' ? static_cast<unsigned char>(u + ('a' - 'A')) : u;
 }
 
-// Length of the prefix two texts share, letters compared ignoring case.
-size_t common_prefix(std::string_view a, std::string_view b) {
+uint32_t folded_hash(std::string_view s) {
+    uint32_t h = 2166136261U;  // FNV-1a
+    for (char c : s) h = (h ^ lower(c)) * 16777619U;
+    return h;
+}
+
+bool same_folded(std::string_view a, std::string_view b) {
+    if (a.size() != b.size()) return false;
+    for (size_t i = 0; i < a.size(); ++i)
+        if (a[i] != b[i] && lower(a[i]) != lower(b[i])) return false;
+    return true;
+}
+
+// Byte order of the case-folded texts; a text comes before the longer ones
+// it begins.
+bool folded_less(std::string_view a, std::string_view b) {
     size_t n = std::min(a.size(), b.size());
-    size_t k = 0;
-    while (k < n && (a[k] == b[k] || lower(a[k]) == lower(b[k]))) ++k;
-    return k;
+    for (size_t i = 0; i < n; ++i)
+        if (lower(a[i]) != lower(b[i])) return lower(a[i]) < lower(b[i]);
+    return a.size() < b.size();
 }
 
-int first_lower(std::string_view s) {
-    return s.empty() ? 0 : lower(s[0]);
+// Zeros stand in past the end: two heads compare as folded_less orders the
+// texts, or are equal.
+uint64_t folded_head(std::string_view s) {
+    uint64_t head = 0;
+    for (size_t i = 0; i < 8; ++i) head = head << 8 | (i < s.size() ? lower(s[i]) : 0U);
+    return head;
 }
 
-std::unique_ptr<RecipientNode> leaf(std::string_view label, std::string_view number) {
-    auto node = std::make_unique<RecipientNode>();
-    node->label = std::string(label);
-    node->number = std::string(number);
-    return node;
+size_t slot_of(uint32_t hash, size_t slot_count) {
+    return (hash ^ hash >> 16) & (slot_count - 1);
 }
+
+// Sets beyond this many numbers (only lists of numbers given directly get
+// there) give their memory back when cleared.
+constexpr size_t kKeptNumbers = size_t{2} * RecipientSet::kLimit;
 
 }  // namespace
 
-RecipientNode* RecipientSet::recipients_add(std::string_view number, int unlimited) {
-    if (!unlimited && recipient_count > kLimit - 1) return nullptr;
+bool RecipientSet::contains(std::string_view number, uint32_t hash) const {
+    if (slots_.empty()) return false;
+    for (size_t s = slot_of(hash, slots_.size());; s = (s + 1) & (slots_.size() - 1)) {
+        if (slots_[s] == 0) return false;
+        const uint32_t index = slots_[s] - 1;
+        if (numbers_[index].hash == hash && same_folded(text_of(index), number)) return true;
+    }
+}
+
+void RecipientSet::insert_slot(uint32_t index) {
+    size_t s = slot_of(numbers_[index].hash, slots_.size());
+    while (slots_[s] != 0) s = (s + 1) & (slots_.size() - 1);
+    slots_[s] = index + 1;
+}
+
+void RecipientSet::grow_slots() {
+    // At most half full with one more number, so that a probe ends soon.
+    if ((numbers_.size() + 1) * 2 <= slots_.size()) return;
+    slots_.assign(std::max<size_t>(64, slots_.size() * 2), 0);
+    for (uint32_t i = 0; i < numbers_.size(); ++i) insert_slot(i);
+}
+
+bool RecipientSet::recipients_add(std::string_view number, int unlimited) {
+    if (!unlimited && recipient_count() > kLimit - 1) return false;
     // A record holds at most 49 characters and its terminator; an empty or
     // longer number could not be sent, so it never enters the set.
-    if (number.empty() || number.size() > kRecordSize - 1) return nullptr;
-
-    // `link` is the owning pointer of `node` (a child or sibling field), so
-    // a new node can be linked in before the current one.
-    std::unique_ptr<RecipientNode>* link = &root_.sibling;
-    size_t p = 0;
-    while (true) {
-        RecipientNode* node = link->get();
-        if (!node) {
-            *link = leaf(number.substr(p), number);
-            ++recipient_count;
-            return link->get();
-        }
-        std::string_view rest = number.substr(p);
-        size_t k = common_prefix(rest, node->label);
-        if (k == 0) {
-            if (first_lower(rest) < first_lower(node->label)) {
-                auto fresh = leaf(rest, number);
-                fresh->sibling = std::move(*link);
-                *link = std::move(fresh);
-                ++recipient_count;
-                return link->get();
-            }
-            link = &node->sibling;
-            continue;
-        }
-        bool number_ends = k == rest.size();
-        bool label_ends = k == node->label.size();
-        if (number_ends && label_ends) {
-            if (node->number) return nullptr;  // duplicate
-            node->number = std::string(number);
-            ++recipient_count;
-            return node;
-        }
-        if (number_ends) {
-            // The number is a proper prefix of the label: split the node.
-            auto tail = std::make_unique<RecipientNode>();
-            tail->label = node->label.substr(k);
-            tail->number = std::move(node->number);
-            node->number.reset();
-            tail->child = std::move(node->child);
-            node->label.resize(k);
-            node->label.shrink_to_fit();
-            node->number = std::string(number);
-            node->child = std::move(tail);
-            ++recipient_count;
-            return node;
-        }
-        if (!label_ends) {
-            // They part inside the label: the old rest and the new rest
-            // become two children, ordered by their first bytes.
-            auto old_rest = std::make_unique<RecipientNode>();
-            old_rest->label = node->label.substr(k);
-            old_rest->number = std::move(node->number);
-            node->number.reset();
-            old_rest->child = std::move(node->child);
-            auto fresh = leaf(rest.substr(k), number);
-            RecipientNode* stored = fresh.get();
-            node->label.resize(k);
-            node->label.shrink_to_fit();
-            if (first_lower(fresh->label) < first_lower(old_rest->label)) {
-                fresh->sibling = std::move(old_rest);
-                node->child = std::move(fresh);
-            } else {
-                old_rest->sibling = std::move(fresh);
-                node->child = std::move(old_rest);
-            }
-            ++recipient_count;
-            return stored;
-        }
-        p += k;
-        link = &node->child;
-    }
+    if (number.empty() || number.size() > kRecordSize - 1) return false;
+    const uint32_t hash = folded_hash(number);
+    if (contains(number, hash) || text_.size() > UINT32_MAX - kRecordSize) return false;
+    grow_slots();
+    numbers_.push_back(
+        {static_cast<uint32_t>(text_.size()), static_cast<uint32_t>(number.size()), hash});
+    text_.append(number);
+    insert_slot(static_cast<uint32_t>(numbers_.size() - 1));
+    return true;
 }
 
 void RecipientSet::recipients_add_all_contacts() {
@@ -127,10 +102,10 @@ void RecipientSet::recipients_add_all_contacts() {
 int RecipientSet::recipients_add_group(std::string_view group_name) {
     Group* group = ab_.group_find(group_name);
     if (!group || !group->members) return 1;
-    if (recipient_count > kLimit - 1) return 0;
+    if (recipient_count() > kLimit - 1) return 0;
     int result = 0;
     for (GroupMember* m = group->members.get(); m; m = m->next.get())
-        if (m->member_entry) result = recipients_add(m->member_entry->number, 0) != nullptr;
+        if (m->member_entry) result = recipients_add(m->member_entry->number, 0) ? 1 : 0;
     return result;
 }
 
@@ -176,43 +151,49 @@ void RecipientSet::recipients_add_file(const std::string& path) {
     remove_file(path);
 }
 
-bool RecipientSet::recipients_write(FILE* stream) const {
-    // Pre-order: payload, child subtree, then the sibling chain. An explicit
-    // stack keeps long chains from exhausting the call stack.
-    std::vector<const RecipientNode*> stack;
-    if (root_.sibling) stack.push_back(root_.sibling.get());
-    char record[kRecordSize];
-    while (!stack.empty()) {
-        const RecipientNode* node = stack.back();
-        stack.pop_back();
-        if (node->sibling) stack.push_back(node->sibling.get());
-        if (node->child) stack.push_back(node->child.get());
-        if (node->number) {
-            std::memset(record, 0, sizeof record);
-            // The record was zeroed above and at most size - 1 bytes are copied.
-            // NOLINTNEXTLINE(bugprone-not-null-terminated-result)
-            std::memcpy(record, node->number->data(),
-                        std::min(node->number->size(), kRecordSize - 1));
-            if (std::fwrite(record, 1, sizeof record, stream) != sizeof record) return false;
+void RecipientSet::sort_numbers() {
+    order_.clear();
+    order_.reserve(numbers_.size());
+    for (uint32_t i = 0; i < numbers_.size(); ++i) order_.push_back({folded_head(text_of(i)), i});
+    std::sort(order_.begin(), order_.end(), [this](const SortKey& a, const SortKey& b) {
+        if (a.head != b.head) return a.head < b.head;
+        return folded_less(text_of(a.index), text_of(b.index));
+    });
+}
+
+bool RecipientSet::recipients_write(FILE* stream) {
+    sort_numbers();
+    // Records go out in blocks, so a large set costs few writes.
+    constexpr size_t kBlockRecords = 1024;
+    block_.resize(std::min(order_.size(), kBlockRecords) * kRecordSize);
+    size_t used = 0;
+    for (const SortKey& key : order_) {
+        std::string_view number = text_of(key.index);
+        char* record = block_.data() + used;
+        std::memcpy(record, number.data(), number.size());
+        std::memset(record + number.size(), 0, kRecordSize - number.size());
+        used += kRecordSize;
+        if (used == block_.size()) {
+            if (std::fwrite(block_.data(), 1, used, stream) != used) return false;
+            used = 0;
         }
     }
-    return true;
+    return used == 0 || std::fwrite(block_.data(), 1, used, stream) == used;
 }
 
 void RecipientSet::recipients_clear() {
-    // Detach every node onto a work list so each is destroyed without
-    // recursing into its child and sibling chains.
-    std::vector<std::unique_ptr<RecipientNode>> work;
-    if (root_.sibling) work.push_back(std::move(root_.sibling));
-    if (root_.child) work.push_back(std::move(root_.child));
-    while (!work.empty()) {
-        std::unique_ptr<RecipientNode> node = std::move(work.back());
-        work.pop_back();
-        if (node->child) work.push_back(std::move(node->child));
-        if (node->sibling) work.push_back(std::move(node->sibling));
+    if (numbers_.capacity() > kKeptNumbers) {
+        std::string().swap(text_);
+        std::vector<Number>().swap(numbers_);
+        std::vector<uint32_t>().swap(slots_);
+        std::vector<SortKey>().swap(order_);
+        std::vector<char>().swap(block_);
+        return;
     }
-    root_.number.reset();
-    recipient_count = 0;
+    text_.clear();
+    numbers_.clear();
+    std::fill(slots_.begin(), slots_.end(), 0);
+    order_.clear();
 }
 
 }  // namespace smsgw

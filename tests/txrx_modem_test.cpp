@@ -139,7 +139,12 @@ TEST_F(TxrxModem, IncomingMessagesAreReassembledReportedWrittenThenDeleted) {
     EXPECT_EQ(tree_below(root_ / "var/Inbox/parts").size(), 0u);
 }
 
-TEST_F(TxrxModem, AVanishedDeviceEndsTxrxFirstInThePidFile) {
+TEST_F(TxrxModem, DeviceFailuresEndTxrxFirstInThePidFile) {
+    SimModem locked(root_.path(), "ttyS9");
+    EXPECT_EQ(locked.ctl("pin on"), "OK");
+    EXPECT_EQ(start_txrx(root_.path(), offset_, "/dev/ttyS9")->finish(5000ms), 5);
+    EXPECT_NE(err(9).find("the SIM is not ready"), std::string::npos);
+
     SimModem& sim = modem(0);
     std::string pid = read_file(root_ / "var/run/txrx_pid_file");
     ASSERT_FALSE(pid.empty());

@@ -118,7 +118,11 @@ void Transceiver::open_modem() {
             lost(kExitGone, "the device went away");
             break;
         case Modem::InitResult::sim_locked:
-            lost(kExitSim, "the SIM is not ready; enter its PIN or remove the lock");
+            // Ending at once would have the daemon restart us at once, over
+            // and over; a locked SIM stays locked for a while.
+            log("the SIM is not ready; enter its PIN or remove the lock");
+            sim_exit_at_ = Clock::now() + opt_.reopen * 6;
+            open_at_ = *sim_exit_at_;
             break;
         case Modem::InitResult::no_answer:
             log("the modem does not answer; trying again");
@@ -236,6 +240,7 @@ void Transceiver::timers() {
         port_at_ = now + kPortRetry;
         if (peers_.hold_port()) log("took over the job port");
     }
+    if (sim_exit_at_ && now >= *sim_exit_at_) lost(kExitSim, "the SIM is locked");
     if ((!at_ || !ready_) && now >= open_at_ && exit_ < 0) open_modem();
     if (worker_.has_jobs() && now >= rescan_at_) {
         rescan_at_ = now + kRescan;

@@ -74,6 +74,7 @@ class Transceiver {
     Clock::time_point port_at_{};
     Clock::time_point signal_at_{};
     Clock::time_point rescan_at_{};
+    std::optional<Clock::time_point> sim_exit_at_;
 };
 
 }  // namespace smsgw::txrx

@@ -13,7 +13,7 @@ foreach(src ${FUZZ_SOURCES})
   get_filename_component(name ${src} NAME_WE)
   string(REGEX REPLACE "^fuzz_" "" target ${name})
   add_executable(replay_${target} ${src})
-  target_link_libraries(replay_${target} PRIVATE smsgw_fuzz_replay smsgw_triggers smsgw_jobs
+  target_link_libraries(replay_${target} PRIVATE smsgw_fuzz_replay smsgw_txrx smsgw_triggers smsgw_jobs
                         smsgw_commands smsgw_send smsgw_addressbook smsgw_common)
   set_target_properties(replay_${target} PROPERTIES RUNTIME_OUTPUT_DIRECTORY
                                                     ${CMAKE_BINARY_DIR}/fuzz)

@@ -162,6 +162,7 @@ class Sandbox {
     Sandbox(const Sandbox&) = delete;
     Sandbox& operator=(const Sandbox&) = delete;
     bool ready() const { return ready_; }
+    pid_t pid() const { return daemon_->pid(); }
     int port(int base) const { return base + offset_; }
     std::string path(const std::string& rel) const { return root_ / rel; }
 
@@ -198,6 +199,7 @@ class EchoServer {
     EchoServer(const EchoServer&) = delete;
     EchoServer& operator=(const EchoServer&) = delete;
     bool ok() const { return pid_ > 0; }
+    pid_t pid() const { return pid_; }
     int port() const { return port_; }
 
   private:
@@ -217,12 +219,31 @@ class EchoServer {
     pid_t pid_ = -1;
 };
 
-// Round trips per second over one batch; 0 when a reply went missing.
-double batch_rate(test::UdpClient& c, int port, const std::string& text, int rounds) {
+// Time a process has spent on a CPU, in seconds (nanosecond resolution).
+double cpu_seconds(pid_t pid) {
+    unsigned long long ns = 0;
+    std::FILE* f = std::fopen(("/proc/" + std::to_string(pid) + "/schedstat").c_str(), "r");
+    if (f) {
+        if (std::fscanf(f, "%llu", &ns) != 1) ns = 0;
+        std::fclose(f);
+    }
+    return static_cast<double>(ns) * 1e-9;
+}
+
+struct Batch {
+    double rate = 0;        // round trips per second; 0 when a reply went missing
+    double server_cpu = 0;  // the server's CPU time per round trip, seconds
+};
+
+Batch run_batch(test::UdpClient& c, int port, pid_t server, const std::string& text, int rounds) {
+    Batch b;
+    const double cpu0 = cpu_seconds(server);
     auto t0 = Clock::now();
     for (int i = 0; i < rounds; ++i)
-        if (!c.request(port, text, kDeadline)) return 0;
-    return rounds / seconds_since(t0);
+        if (!c.request(port, text, kDeadline)) return b;
+    b.rate = rounds / seconds_since(t0);
+    b.server_cpu = (cpu_seconds(server) - cpu0) / rounds;
+    return b;
 }
 
 // The parser alone, in this process, on the same book: how much of a round
@@ -256,16 +277,22 @@ void bench_round_trip(const char* name, const std::string& request, const Book& 
     }
     test::UdpClient c;
     const int batch = std::max(1, rounds / kBatches);
-    batch_rate(c, echo.port(), request, batch / 4 + 1);  // warm-up
-    batch_rate(c, box.port(20205), request, batch / 4 + 1);
-    std::vector<double> daemon, baseline;
+    run_batch(c, echo.port(), echo.pid(), request, batch / 4 + 1);  // warm-up
+    run_batch(c, box.port(20205), box.pid(), request, batch / 4 + 1);
+    std::vector<double> d_rate, e_rate, d_cpu, e_cpu;
     for (int b = 0; b < kBatches; ++b) {
-        baseline.push_back(batch_rate(c, echo.port(), request, batch));
-        daemon.push_back(batch_rate(c, box.port(20205), request, batch));
+        Batch e = run_batch(c, echo.port(), echo.pid(), request, batch);
+        Batch d = run_batch(c, box.port(20205), box.pid(), request, batch);
+        e_rate.push_back(e.rate);
+        e_cpu.push_back(e.server_cpu);
+        d_rate.push_back(d.rate);
+        d_cpu.push_back(d.server_cpu);
     }
-    const double d = median(daemon), e = median(baseline), ratio = e > 0 ? d / e : 0;
+    const double d = median(d_rate), e = median(e_rate), ratio = e > 0 ? d / e : 0;
     std::printf("round trip %-20s daemon %7.0f/s  echo %7.0f/s  ratio %.2fx  (goal >= %.2fx) %s\n",
                 name, d, e, ratio, goal, verdict(d > 0 && ratio >= goal));
+    std::printf("           %-20s server CPU per round trip: daemon %.1f us, echo %.1f us\n", "",
+                median(d_cpu) * 1e6, median(e_cpu) * 1e6);
     std::printf("           %-20s parse_command alone %.1f us per command\n", "",
                 parser_micros(request, book, std::max(1, rounds / 10)));
 }

@@ -91,7 +91,8 @@ SmsGateway::SmsGateway(std::string root, int port_offset, std::vector<std::strin
       sender_(rt_, ab_),
       queue_(rt_, sender_),
       triggers_(rt_, ab_, rules_, sender_, queue_),
-      txrx_(rt_) {
+      txrx_(rt_),
+      datagram_(static_cast<size_t>(kRequestMax)) {
     rt_.spool_dirs = std::move(spool_dirs);
 }
 
@@ -225,18 +226,14 @@ SmsGateway::PassEnd SmsGateway::handle_load_balancer() {
 
 void SmsGateway::handle_gui_request() {
     const int fd = ep_.gui.get();
-    int waiting = 0;
-    ::ioctl(fd, FIONREAD, &waiting);
-    trace("FIONREAD - n - %d\n", waiting);
-    if (waiting <= 0) {
-        // An empty datagram: take it off the queue, or the socket would
-        // stay readable and hide the requests behind it.
-        char none;
-        receive(fd, &none, 0, MSG_DONTWAIT);
-        return;
-    }
+    // The length datagram. An empty one is taken off the queue all the same,
+    // or the socket would stay readable and hide the requests behind it.
+    char length_text[kLengthDatagramMax + 1] = {};
+    const ssize_t n = receive(fd, length_text, kLengthDatagramMax, MSG_DONTWAIT);
+    trace("Length datagram - n - %d\n", static_cast<int>(n));
+    if (n <= 0) return;
 
-    std::optional<std::string> framed = read_framed_request(fd);
+    std::optional<std::string> framed = read_framed_request(fd, c_atoi(length_text));
     if (!framed) return;
     const std::string& request = *framed;
     trace("---%s---", request.c_str());
@@ -263,25 +260,28 @@ void SmsGateway::handle_gui_request() {
     if (answer) send_gui_reply(reply);
 }
 
-std::optional<std::string> SmsGateway::read_framed_request(int fd) {
-    char length_text[kLengthDatagramMax + 1] = {};
-    receive(fd, length_text, kLengthDatagramMax);
-    long announced = std::clamp<long>(c_atoi(length_text), 0, kRequestMax);
+std::optional<std::string> SmsGateway::next_datagram(int fd, int ms) {
+    // The request usually follows its length at once: read first, wait only
+    // when nothing is there yet.
+    ssize_t n = receive(fd, datagram_.data(), datagram_.size(), MSG_DONTWAIT);
+    if (n < 0) {
+        if (!wait_readable(fd, ms)) return std::nullopt;
+        n = receive(fd, datagram_.data(), datagram_.size(), MSG_DONTWAIT);
+    }
+    return std::string(datagram_.data(), n > 0 ? static_cast<size_t>(n) : 0);
+}
 
+std::optional<std::string> SmsGateway::read_framed_request(int fd, long announced) {
+    announced = std::clamp<long>(announced, 0, kRequestMax);
     for (int realigned = 0;; ++realigned) {
-        if (!wait_readable(fd, kRequestWaitMs)) return std::nullopt;
-        int next_size = 0;
-        ::ioctl(fd, FIONREAD, &next_size);
         // Never more than what actually arrived, whatever was announced.
-        std::string datagram(static_cast<size_t>(std::clamp<long>(next_size, 0, kRequestMax)),
-                             '\0');
-        ssize_t n = receive(fd, datagram.data(), datagram.size(), MSG_DONTWAIT);
-        datagram.resize(n > 0 ? static_cast<size_t>(n) : 0);
+        std::optional<std::string> datagram = next_datagram(fd, kRequestWaitMs);
+        if (!datagram) return std::nullopt;
         // A length whose request never came leaves the sender's next pair one
         // datagram off: its length arrives here, and its request follows with
         // exactly the size that length names. Resynchronise on it.
-        if (realigned < kMaxRealign && looks_like_length(datagram)) {
-            const int value = c_atoi(datagram);
+        if (realigned < kMaxRealign && looks_like_length(*datagram)) {
+            const int value = c_atoi(*datagram);
             int following = -1;
             if (wait_readable(fd, kRealignWaitMs)) ::ioctl(fd, FIONREAD, &following);
             if (following == value) {
@@ -289,8 +289,8 @@ std::optional<std::string> SmsGateway::read_framed_request(int fd) {
                 continue;
             }
         }
-        datagram.resize(std::min(datagram.size(), static_cast<size_t>(announced)));
-        datagram.resize(std::strlen(datagram.c_str()));  // the request is a C string
+        datagram->resize(std::min(datagram->size(), static_cast<size_t>(announced)));
+        datagram->resize(std::strlen(datagram->c_str()));  // the request is a C string
         return datagram;
     }
 }

@@ -12,6 +12,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "addressbook/address_book.h"
 #include "commands/command_parser.h"
@@ -48,9 +49,11 @@ class SmsGateway {
     void handle_txrx_report();
     PassEnd handle_load_balancer();
     void handle_gui_request();
-    // The length datagram and the request it announces; nullopt when the
-    // request does not follow in time.
-    std::optional<std::string> read_framed_request(int fd);
+    // The request announced by a length datagram; nullopt when it does not
+    // follow in time.
+    std::optional<std::string> read_framed_request(int fd, long announced);
+    // The next datagram whole, waiting up to `ms` for it to arrive.
+    std::optional<std::string> next_datagram(int fd, int ms);
 
     // Web-interface requests; each returns whether a reply is due.
     bool on_send_sms(const std::string& request, std::string& reply);
@@ -74,6 +77,7 @@ class SmsGateway {
     Endpoints ep_;
     SmsUsers sms_users_;
     int maxfd_ = -1;
+    std::vector<char> datagram_;  // a web-interface datagram on its way in
 };
 
 }  // namespace smsgw

@@ -9,6 +9,7 @@
 #include "commands/rule_lists.h"
 #include "common/fileops.h"
 #include "common/runtime.h"
+#include "formats/rule_list_record.h"
 #include "fuzz_support.h"
 
 using namespace smsgw;
@@ -70,7 +71,7 @@ bool well_formed(const std::string& path) {
     auto bytes = read_file(path);
     if (!records || !bytes) return false;
     std::string again;
-    for (const auto& r : *records) again += format_rule_record(r);
+    for (const auto& r : *records) again += encode_rule_record(r);
     return again == *bytes;
 }
 

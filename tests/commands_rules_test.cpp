@@ -1,4 +1,4 @@
-// The rule lists: record reader robustness and the byte-exact rewrites.
+// The rule lists: the byte-exact rewrites.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -36,40 +36,6 @@ class RuleListsTest : public ::testing::Test {
 };
 
 }  // namespace
-
-TEST(RuleRecords, FormatCountsTheSeparatorAndDamagedFilesStopAtTheDamage) {
-    EXPECT_EQ(format_rule_record("^|^HELLO^|^ab^|^"), "16^|^HELLO^|^ab^|^");
-    EXPECT_EQ(format_rule_record(""), "0");
-
-    TempDir dir;
-    const std::string good = rec("^|^a^|^b^|^");
-    struct Case {
-        const char* what;
-        std::string content;
-        size_t records;
-    } cases[] = {
-        {"empty", "", 0},
-        {"two records", good + good, 2},
-        {"blanks before a length", " \n" + good + "\n" + good, 2},
-        {"cut mid-record", good + "9^|^a^|", 1},
-        {"length 0", good + "0^|^a^|^b^|^", 1},
-        {"negative length", "-5^|^a^|^" + good, 0},
-        {"length past the end", good + "99999999999999999999^|^x", 1},
-        {"length below three", "2^|" + good, 0},
-        {"not a number", "abc" + good, 0},
-        {"only digits", "12345", 0},
-        {"no leading separator", "6abcdef" + good, 2},
-    };
-    for (const auto& c : cases) {
-        std::string p = dir / "rules";
-        test::write_file(p, c.content);
-        auto r = read_rule_records(p);
-        ASSERT_TRUE(r.has_value()) << c.what;
-        EXPECT_EQ(r->size(), c.records) << c.what;
-        for (const auto& text : *r) EXPECT_LE(text.size(), c.content.size()) << c.what;
-    }
-    EXPECT_FALSE(read_rule_records(dir / "missing").has_value());
-}
 
 TEST_F(RuleListsTest, BroadcastTriggerAddIsCaseBlindAndByteExact) {
     std::string rest = "Fire^|^Go now^|^Team]|[^|^YES^|^Ann]|[555]|[^|^";

@@ -2,13 +2,13 @@
 
 #include <unistd.h>
 
-#include <climits>
 #include <cstdio>
 #include <functional>
 
 #include "common/fileops.h"
 #include "common/text.h"
 #include "common/trace.h"
+#include "formats/rule_list_record.h"
 
 namespace smsgw {
 
@@ -22,45 +22,6 @@ constexpr int kMaxTriggers = 100;
 constexpr int kMaxAuthUsers = 20;
 
 constexpr std::string_view kNullItem = "[null]]|[";
-
-bool is_space(char c) {
-    return c == ' ' || (c >= '\t' && c <= '\r');
-}
-
-// Parses the decimal length in front of a record the way "%d" would: blanks
-// skipped, optional sign, digits. nullopt when no number can be read.
-std::optional<long long> scan_length(std::string_view data, size_t& pos) {
-    while (pos < data.size() && is_space(data[pos])) ++pos;
-    bool neg = false;
-    if (pos < data.size() && (data[pos] == '+' || data[pos] == '-')) neg = data[pos++] == '-';
-    size_t digits = 0;
-    long long v = 0;
-    while (pos < data.size() && data[pos] >= '0' && data[pos] <= '9') {
-        if (v <= LLONG_MAX / 10 - 10) v = v * 10 + (data[pos] - '0');
-        ++pos;
-        ++digits;
-    }
-    if (digits == 0) return std::nullopt;
-    return neg ? -v : v;
-}
-
-// The fields of a record text behind its leading "^|^".
-std::vector<std::string_view> record_fields(std::string_view record) {
-    std::vector<std::string_view> out;
-    if (record.size() < kSep.size()) return out;
-    FieldCutter cut(record.substr(kSep.size()));
-    while (auto f = cut.next()) out.push_back(*f);
-    return out;
-}
-
-std::string make_record_text(std::initializer_list<std::string_view> fields) {
-    std::string text(kSep);
-    for (auto f : fields) {
-        text.append(f);
-        text.append(kSep);
-    }
-    return text;
-}
 
 // Splits a "]|["-terminated item list; the "[null]" marker is no item.
 std::vector<std::string_view> split_items(std::string_view list) {
@@ -89,19 +50,23 @@ class RuleRewrite {
   public:
     RuleRewrite(const Runtime& rt, std::string path)
         : path_(std::move(path)), temp_(rt.path("/var/run/temp_file")) {}
+    RuleRewrite(const RuleRewrite&) = delete;  // records_ views into data_
+    RuleRewrite& operator=(const RuleRewrite&) = delete;
 
     // False when the list cannot be read or the temporary file not made.
     bool open() {
-        auto records = read_rule_records(path_);
-        if (!records) return false;
-        records_ = std::move(*records);
+        auto data = read_file(path_, kMaxRuleFileBytes);
+        if (!data) return false;
+        data_ = std::move(*data);
+        records_ = decode_rule_file(data_).records;
         out_ = open_fixed_temp(temp_, "w");
         return out_ != nullptr;
     }
-    const std::vector<std::string>& records() const { return records_; }
+    // Records up to the first damaged one: a rewrite drops the rest.
+    const std::vector<RuleRecord>& records() const { return records_; }
 
     void write(std::string_view text) {
-        std::string rec = format_rule_record(text);
+        std::string rec = encode_rule_record(text);
         if (std::fwrite(rec.data(), 1, rec.size(), out_.get()) != rec.size()) failed_ = true;
         ++written_;
     }
@@ -124,7 +89,8 @@ class RuleRewrite {
   private:
     std::string path_;
     std::string temp_;
-    std::vector<std::string> records_;
+    std::string data_;
+    std::vector<RuleRecord> records_;
     FilePtr out_;
     int written_ = 0;
     bool failed_ = false;
@@ -163,39 +129,22 @@ bool auth_sorts_before(std::string_view name, std::string_view number, std::stri
 std::optional<std::vector<std::string>> read_rule_records(const std::string& path) {
     auto data = read_file(path, kMaxRuleFileBytes);
     if (!data) return std::nullopt;
-    std::vector<std::string> records;
-    std::string_view rest(*data);
-    size_t pos = 0;
-    while (pos < rest.size()) {
-        auto len = scan_length(rest, pos);
-        // A length below the leading separator's three bytes, or one that
-        // runs past the end of the file, marks a damaged record: stop there.
-        if (!len || *len <= 0) break;
-        if (*len < static_cast<long long>(kSep.size())) break;
-        if (static_cast<unsigned long long>(*len) > rest.size() - pos) break;
-        records.emplace_back(rest.substr(pos, static_cast<size_t>(*len)));
-        pos += static_cast<size_t>(*len);
-    }
-    return records;
-}
-
-std::string format_rule_record(std::string_view text) {
-    std::string out = std::to_string(text.size());
-    out.append(text);
-    return out;
+    std::vector<std::string> texts;
+    for (const RuleRecord& r : decode_rule_file(*data).records) texts.emplace_back(r.text);
+    return texts;
 }
 
 std::string RuleLists::add_broadcast_trigger(std::string_view keyword, std::string_view rest) {
     RuleRewrite rw(rt_, broadcast_path());
     if (!rw.open()) return "ERROR";
     for (const auto& rec : rw.records()) {
-        auto f = record_fields(rec);
+        const auto& f = rec.fields;
         if (f.empty()) continue;
         if (iequals(f[0], keyword)) {
             rw.discard();
             return "ERROR:Broadcast Trigger Already Exists.";
         }
-        rw.write(rec);
+        rw.write(rec.text);
     }
     // The list is full at a hundred: the new trigger is dropped silently.
     if (rw.written() == kMaxTriggers) {
@@ -203,8 +152,7 @@ std::string RuleLists::add_broadcast_trigger(std::string_view keyword, std::stri
         return "SUCCESS";
     }
     rw.write(std::string(kSep) + std::string(rest));
-    rw.commit();
-    return "SUCCESS";
+    return rw.commit() ? "SUCCESS" : "ERROR";
 }
 
 namespace {
@@ -221,11 +169,10 @@ std::string delete_by_index(const Runtime& rt, const std::string& path, int inde
             skipped = true;
             continue;
         }
-        if (record_fields(rec).empty()) continue;
-        rw.write(rec);
+        if (rec.fields.empty()) continue;
+        rw.write(rec.text);
     }
-    rw.commit();
-    return skipped ? "SUCCESS" : "ERROR";
+    return rw.commit() && skipped ? "SUCCESS" : "ERROR";
 }
 
 // Replaces the record at the 1-based index, refusing a first field that
@@ -242,16 +189,15 @@ std::string edit_by_index(const Runtime& rt, const std::string& path, int index,
             rw.write(replacement);
             continue;
         }
-        auto f = record_fields(rec);
+        const auto& f = rec.fields;
         if (f.empty()) continue;
         if (iequals(f[0], first_field)) {
             rw.discard();
             return duplicate_message;
         }
-        rw.write(rec);
+        rw.write(rec.text);
     }
-    rw.commit();
-    return "SUCCESS";
+    return rw.commit() ? "SUCCESS" : "ERROR";
 }
 
 }  // namespace
@@ -271,21 +217,20 @@ std::string RuleLists::add_preconf_sms(std::string_view text, std::string_view g
     RuleRewrite rw(rt_, preconf_path());
     if (!rw.open()) return "ERROR";
     for (const auto& rec : rw.records()) {
-        auto f = record_fields(rec);
+        const auto& f = rec.fields;
         if (f.empty()) continue;
         if (iequals(f[0], text)) {
             rw.discard();
             return "ERROR:Pre Configured message already exists.";
         }
-        rw.write(rec);
+        rw.write(rec.text);
     }
     if (rw.written() == kMaxTriggers) {
         rw.discard();
         return "SUCCESS";
     }
-    rw.write(make_record_text({text, groups}));
-    rw.commit();
-    return "SUCCESS";
+    rw.write(rule_record_text({text, groups}));
+    return rw.commit() ? "SUCCESS" : "ERROR";
 }
 
 std::string RuleLists::delete_preconf_sms(int index) {
@@ -308,7 +253,7 @@ std::string RuleLists::set_action_trigger(std::string_view label, std::string_vi
     RuleRewrite rw(rt_, ctrl_path());
     if (!rw.open()) return "ERROR";
     for (const auto& rec : rw.records()) {
-        auto f = record_fields(rec);
+        const auto& f = rec.fields;
         if (f.empty()) continue;
         std::string_view rec_code = field_or_empty(f, 1);
         if (f[0] == keyword && rec_code != code) {
@@ -316,22 +261,21 @@ std::string RuleLists::set_action_trigger(std::string_view label, std::string_vi
             return "ERROR:Action Trigger already exists.";
         }
         if (rec_code == code) {
-            rw.write(make_record_text({keyword, code, auth}));
+            rw.write(rule_record_text({keyword, code, auth}));
         } else {
-            rw.write(rec);
+            rw.write(rec.text);
         }
     }
-    rw.commit();
-    return "SUCCESS";
+    return rw.commit() ? "SUCCESS" : "ERROR";
 }
 
 std::string RuleLists::add_auth_user(std::string_view name, std::string_view number) {
     RuleRewrite rw(rt_, auth_path());
     if (!rw.open()) return "ERROR";
-    std::string fresh = make_record_text({name, number});
+    std::string fresh = rule_record_text({name, number});
     bool placed = false;
     for (const auto& rec : rw.records()) {
-        auto f = record_fields(rec);
+        const auto& f = rec.fields;
         if (f.empty()) continue;
         std::string_view rec_name = f[0];
         std::string_view rec_number = field_or_empty(f, 1);
@@ -343,15 +287,14 @@ std::string RuleLists::add_auth_user(std::string_view name, std::string_view num
             rw.write(fresh);
             placed = true;
         }
-        rw.write(rec);
+        rw.write(rec.text);
     }
     if (!placed) rw.write(fresh);
     if (rw.written() > kMaxAuthUsers) {
         rw.discard();
         return "ERROR:Authenticate users exceeded max limit 20.";
     }
-    rw.commit();
-    return "SUCCESS";
+    return rw.commit() ? "SUCCESS" : "ERROR";
 }
 
 std::string RuleLists::delete_auth_user(std::string_view name, std::string_view number) {
@@ -359,16 +302,15 @@ std::string RuleLists::delete_auth_user(std::string_view name, std::string_view 
     if (!rw.open()) return "ERROR";
     bool dropped = false;
     for (const auto& rec : rw.records()) {
-        auto f = record_fields(rec);
+        const auto& f = rec.fields;
         if (f.empty()) continue;
         if (iequals(f[0], name) && field_or_empty(f, 1) == number) {
             dropped = true;
             continue;
         }
-        rw.write(rec);
+        rw.write(rec.text);
     }
-    rw.commit();
-    return dropped ? "SUCCESS" : "ERROR";
+    return rw.commit() && dropped ? "SUCCESS" : "ERROR";
 }
 
 std::string RuleLists::count_records(const std::string& path) {
@@ -386,10 +328,10 @@ void rewrite_list_field(const Runtime& rt, const std::string& path, size_t field
     RuleRewrite rw(rt, path);
     if (!rw.open()) return;
     for (const auto& rec : rw.records()) {
-        auto f = record_fields(rec);
+        const auto& f = rec.fields;
         if (f.empty()) continue;
         if (f.size() <= field) {
-            rw.write(rec);
+            rw.write(rec.text);
             continue;
         }
         std::string text(kSep);

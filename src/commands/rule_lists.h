@@ -1,8 +1,7 @@
 // The four rule lists in "/var/config/": broadcast triggers, preconfigured
-// messages, action triggers and authenticated users. Every file is a run of
-// records, each its decimal length L followed by exactly L bytes of text that
-// begins with "^|^". Changes are made by writing "/var/run/temp_file" and
-// renaming it over the list.
+// messages, action triggers and authenticated users, each a run of the
+// records of formats/rule_list_record.h. Changes are made by writing
+// "/var/run/temp_file" and renaming it over the list.
 #pragma once
 
 #include <optional>
@@ -14,12 +13,9 @@
 
 namespace smsgw {
 
-// Reads every record of a rule file (each text with its leading "^|^").
-// Reading stops at the end, an unreadable length, a length of 0 or below,
-// or a record cut short. nullopt when the file cannot be opened.
+// The record texts of a rule file (each with its leading "^|^"), up to its
+// end or its first damaged record; nullopt when the file cannot be opened.
 std::optional<std::vector<std::string>> read_rule_records(const std::string& path);
-// One record as stored: decimal length, then the text.
-std::string format_rule_record(std::string_view text);
 
 class RuleLists {
   public:

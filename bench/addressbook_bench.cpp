@@ -122,7 +122,7 @@ int main() {
     ab->ab_for_each_entry(
         [&](Entry& e) { text += e.name.size() + e.number.size() + e.description.size(); });
     double per_contact = (static_cast<double>(after - before) - static_cast<double>(text)) /
-                         static_cast<double>(ab->entry_count);
+                         static_cast<double>(ab->entry_count());
 
     // The files every load starts from.
     {
@@ -160,7 +160,7 @@ int main() {
         double t0 = cpu_now();
         ab_load(fresh, rt);
         t_load = std::min(t_load, cpu_now() - t0);
-        if (fresh.entry_count != kContacts) std::fprintf(stderr, "load lost contacts\n");
+        if (fresh.entry_count() != kContacts) std::fprintf(stderr, "load lost contacts\n");
     }
     write_file(book, book_bytes);
     volatile size_t sink = 0;

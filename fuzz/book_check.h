@@ -15,7 +15,7 @@ namespace smsgw::fuzz {
 inline void check_book(AddressBook& ab) {
     std::unordered_set<const Entry*> entries;
     ab.ab_for_each_entry([&](Entry& e) { entries.insert(&e); });
-    if (ab.entry_count > 0 && static_cast<size_t>(ab.entry_count) > entries.size())
+    if (ab.entry_count() > 0 && static_cast<size_t>(ab.entry_count()) > entries.size())
         __builtin_trap();
     int groups = 0;
     for (Group* g = ab.first_group(); g; g = g->next.get()) {
@@ -27,7 +27,7 @@ inline void check_book(AddressBook& ab) {
         }
         if (members != g->member_count) __builtin_trap();
     }
-    if (groups != ab.group_count) __builtin_trap();
+    if (groups != ab.group_count()) __builtin_trap();
 }
 
 }  // namespace smsgw::fuzz

@@ -31,15 +31,11 @@ std::pair<std::string, std::string> load_and_save(const fuzz::FuzzRoot& root,
     Runtime rt(root.path(), root.port_offset());
     AddressBook ab(rt.reply_buffer);
     ab_load(ab, rt);
-    if (ab.group_count > AddressBook::MAX_GROUPS || ab.entry_count > AddressBook::MAX_ELEMENTS)
+    if (ab.group_count() > AddressBook::MAX_GROUPS || ab.entry_count() > AddressBook::MAX_ELEMENTS)
         __builtin_trap();
 
-    FilePtr out = open_file(root / kContacts, "w");
-    if (!out) __builtin_trap();
-    if (ab.entry_count != 0) ab_save_contacts(ab, out.get());
-    out.reset();
     remove_file(root / kGroups);
-    if (ab.group_count != 0) ab_save_groups(ab, rt);
+    if (!ab_save(ab, rt)) __builtin_trap();
     return {read_file(root / kContacts).value_or(""), read_file(root / kGroups).value_or("")};
 }
 

@@ -22,7 +22,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     AddressBook ab(rt.reply_buffer);
     ab.ab_insert("Ann Lee", "555", "office");
     csv_import(ab, rt, upload);
-    if (ab.entry_count > AddressBook::MAX_ELEMENTS) __builtin_trap();
+    if (ab.entry_count() > AddressBook::MAX_ELEMENTS) __builtin_trap();
     csv_export(ab, root / "var/run/QX_Address_Book.csv");
     return 0;
 }

@@ -143,7 +143,7 @@ TEST(InsertCursor, BuildsTheSameTreeAsPlainInsertion) {
             ASSERT_EQ(r1.str(), r2.str());
             ASSERT_EQ(shape(plain), shape(walked)) << "round " << round << " after " << name;
         }
-        EXPECT_EQ(plain.entry_count, walked.entry_count);
+        EXPECT_EQ(plain.entry_count(), walked.entry_count());
         // The node returned is the one a find reaches.
         for (const auto& [name, number] : list) {
             TrieNode* found = walked.ab_find(name);

@@ -33,9 +33,9 @@ struct Files : ::testing::Test {
         make_dirs(rt.path("/var/AddressBook"));
         {
             FilePtr f = open_file(book_path(), "w");
-            if (ab.entry_count != 0) ab_save_contacts(ab, f.get());
+            if (ab.entry_count() != 0) ab_save_contacts(ab, f.get());
         }
-        if (ab.group_count != 0) ab_save_groups(ab, rt);
+        if (ab.group_count() != 0) ab_save_groups(ab, rt);
         return {test::read_file(book_path()), test::read_file(groups_path())};
     }
 
@@ -100,8 +100,8 @@ TEST_F(Files, SaveLoadSaveGivesTheSameBytes) {
     test::write_file(rt.path("/var/AddressBook/leftover"), "x");
     AddressBook loaded(reply);
     ab_load(loaded, rt);
-    EXPECT_EQ(loaded.entry_count, 14);
-    EXPECT_EQ(loaded.group_count, 4);
+    EXPECT_EQ(loaded.entry_count(), 14);
+    EXPECT_EQ(loaded.group_count(), 4);
     EXPECT_EQ(loaded.ab_find("ANNE")->entries->description, "multi\nline\n\ndesc");
     EXPECT_FALSE(test::exists(book_path()));
     EXPECT_FALSE(test::exists(groups_path()));
@@ -134,7 +134,7 @@ TEST_F(Files, MoreThanFiftyGroupLinesKeepTheFirstFifty) {
     seed("Ann^|^1^|^^|^50,51,^|^\n", groups);
     AddressBook ab(reply);
     ab_load(ab, rt);
-    EXPECT_EQ(ab.group_count, 50);
+    EXPECT_EQ(ab.group_count(), 50);
     Group* last = ab.first_group();
     while (last->next) last = last->next.get();
     EXPECT_EQ(last->group_name, "g50");
@@ -176,7 +176,7 @@ TEST_F(Files, BadLinesAreSkippedWithoutHarm) {
         AddressBook ab(reply);
         ab_load(ab, rt);
         EXPECT_EQ(entries(ab), c.want) << c.line.substr(0, 60);
-        EXPECT_EQ(ab.entry_count, static_cast<int>(c.want.size()));
+        EXPECT_EQ(ab.entry_count(), static_cast<int>(c.want.size()));
     }
 }
 
@@ -222,7 +222,7 @@ TEST_F(Files, GroupPositionsThatAreNotGroupsAreIgnored) {
     Group* two = one->next.get();
     EXPECT_EQ(members(one), (std::vector<std::string>{"B/2", "B/2"}));
     EXPECT_EQ(members(two), std::vector<std::string>{"A/1"});
-    EXPECT_EQ(ab.entry_count, 3);
+    EXPECT_EQ(ab.entry_count(), 3);
 }
 
 TEST_F(Files, DuplicateLinesLoadOnce) {
@@ -237,8 +237,8 @@ TEST_F(Files, MissingFilesLeaveAnEmptyBook) {
     AddressBook ab(reply);
     test::write_file(rt.path("/var/run/init_address_book"), "");
     ab_load(ab, rt);
-    EXPECT_EQ(ab.entry_count, 0);
-    EXPECT_EQ(ab.group_count, 0);
+    EXPECT_EQ(ab.entry_count(), 0);
+    EXPECT_EQ(ab.group_count(), 0);
     EXPECT_FALSE(test::exists(rt.path("/var/run/init_address_book")));
 }
 

@@ -13,6 +13,7 @@ namespace {
 struct Groups : ::testing::Test {
     ReplyBuffer reply;
     AddressBook ab{reply};
+    Listing out;
 
     Entry* add(const char* name, const char* number) {
         TrieNode* n = ab.ab_insert(name, number, "");
@@ -37,9 +38,9 @@ struct Groups : ::testing::Test {
     template <typename F>
     std::string capture(F fn) {
         FILE* f = std::tmpfile();
-        ab.list_output = f;
+        out.output = f;
         fn(f);
-        ab.list_output = nullptr;
+        out.output = nullptr;
         std::fflush(f);
         std::rewind(f);
         std::string s;
@@ -63,7 +64,7 @@ TEST_F(Groups, CreationKeepsNameOrderAndRefusesDuplicates) {
     reply.set("before");
     EXPECT_EQ(ab.group_create("Team"), nullptr);
     EXPECT_EQ(reply.str(), "ERROR:Group Already exists with the name");
-    EXPECT_EQ(ab.group_count, 4);
+    EXPECT_EQ(ab.group_count(), 4);
 }
 
 TEST_F(Groups, TheFiftyFirstGroupIsRefusedSilently) {
@@ -76,7 +77,7 @@ TEST_F(Groups, TheFiftyFirstGroupIsRefusedSilently) {
     EXPECT_EQ(ab.group_create("extra"), nullptr);
     EXPECT_EQ(reply.str(), "kept");
     EXPECT_EQ(ab.group_append_loaded("loaded"), 1);
-    EXPECT_EQ(ab.group_count, 50);
+    EXPECT_EQ(ab.group_count(), 50);
     EXPECT_EQ(names().size(), 50u);
 }
 
@@ -105,7 +106,7 @@ TEST_F(Groups, FindAndDeleteTexts) {
     EXPECT_EQ(reply.str(), "ERROR:Element Not Found in the Group");
     EXPECT_EQ(ab.group_delete("friends", 0), 1);
     EXPECT_EQ(reply.str(), "SUCCESS");
-    EXPECT_EQ(ab.group_count, 0);
+    EXPECT_EQ(ab.group_count(), 0);
     EXPECT_EQ(ab.first_group(), nullptr);
 }
 
@@ -232,12 +233,12 @@ TEST_F(Groups, ListPageEndsAtTheNextMultipleOfTen) {
     };
     for (const auto& c : cases) {
         int r = 0;
-        EXPECT_EQ(capture([&](FILE*) { r = ab.group_list_page(c.start); }), c.text) << c.start;
+        EXPECT_EQ(capture([&](FILE*) { r = ab.group_list_page(out, c.start); }), c.text) << c.start;
         EXPECT_EQ(r, 1);
     }
     ReplyBuffer r2;
     AddressBook empty(r2);
-    EXPECT_EQ(empty.group_list_page(1), 0);
+    EXPECT_EQ(empty.group_list_page(out, 1), 0);
 }
 
 TEST_F(Groups, MemberPagesUseTheContactRecord) {
@@ -247,17 +248,18 @@ TEST_F(Groups, MemberPagesUseTheContactRecord) {
         std::snprintf(name, sizeof name, "m%02d", i);
         ab.group_add_member_to(g, add(name, "1"));
     }
-    std::string page = capture([&](FILE*) { EXPECT_EQ(ab.group_list_members_page(g, 11), 1); });
+    std::string page =
+        capture([&](FILE*) { EXPECT_EQ(ab.group_list_members_page(out, g, 11), 1); });
     std::string expected;
     for (int i = 11; i <= 20; ++i) {
         std::snprintf(name, sizeof name, "m%02d", i);
         expected += "16^|^" + std::string(name) + "^|^1^|^^|^";
     }
     EXPECT_EQ(page, expected);
-    EXPECT_EQ(capture([&](FILE*) { ab.group_list_members_page(g, 21); }),
+    EXPECT_EQ(capture([&](FILE*) { ab.group_list_members_page(out, g, 21); }),
               "16^|^m21^|^1^|^^|^16^|^m22^|^1^|^^|^16^|^m23^|^1^|^^|^");
     Group* empty = ab.group_create("E");
-    EXPECT_EQ(ab.group_list_members_page(empty, 1), 0);
+    EXPECT_EQ(ab.group_list_members_page(out, empty, 1), 0);
 }
 
 TEST_F(Groups, SavingMembershipsTwiceWritesTheSameAndKeepsTheLists) {
@@ -325,7 +327,7 @@ TEST_F(Groups, DeleteWithKeepDetachesAGroupThatStillHasMembers) {
     ab.group_create("empty");
     EXPECT_EQ(ab.group_delete("empty", 1), 1);
     EXPECT_EQ(ab.group_delete("old", 1), 1);
-    EXPECT_EQ(ab.group_count, 0);
+    EXPECT_EQ(ab.group_count(), 0);
     EXPECT_EQ(ab.first_group(), nullptr);
     // The detached group's member list is still intact for the caller.
     EXPECT_EQ(old_group->member_count, 1u);

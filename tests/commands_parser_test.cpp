@@ -193,8 +193,8 @@ TEST(CommandTable, UnknownWordsAndOtherKinds) {
         {"edit-sms phone_book Zed^|^1^|^Zed^|^2^|^x^|^", "SUCCESS"},
     };
     for (const auto& c : cases) EXPECT_EQ(w.run(c.text), c.reply) << c.text;
-    EXPECT_EQ(w.ab.entry_count, 1);
-    EXPECT_EQ(w.ab.group_count, 1);
+    EXPECT_EQ(w.ab.entry_count(), 1);
+    EXPECT_EQ(w.ab.group_count(), 1);
     EXPECT_EQ(w.run("get-sms trigger auth-list^|^"), w.rt.path("/var/config/authenticate_list"));
     EXPECT_EQ(w.run("get-sms trigger ctrl_data^|^"), w.rt.path("/var/config/trigger_ctrl"));
     EXPECT_EQ(w.run("get-sms trigger preconf_sms^|^"), w.rt.path("/var/config/preconf_sms"));
@@ -268,20 +268,20 @@ TEST(PhoneBook, AddWithGroupsAndTheLimit) {
     World w(box);
     EXPECT_EQ(w.run("add-sms phone_book Bob^|^777^|^hi^|^Team^|^Nope^|^"),
               "ERROR:Group name doesnot exist");
-    EXPECT_EQ(w.ab.entry_count, 2);
+    EXPECT_EQ(w.ab.entry_count(), 2);
     EXPECT_EQ(w.ab.group_find("Team")->member_count, 2u);
 
     for (int i = 2; i < AddressBook::MAX_ELEMENTS; ++i)
         w.ab.ab_insert("c" + std::to_string(i), "1", "");
-    ASSERT_EQ(w.ab.entry_count, AddressBook::MAX_ELEMENTS);
+    ASSERT_EQ(w.ab.entry_count(), AddressBook::MAX_ELEMENTS);
     EXPECT_EQ(w.run("add-sms phone_book Zed^|^1^|^^|^"), "Exceeded MAX Limit");
-    EXPECT_EQ(w.ab.entry_count, AddressBook::MAX_ELEMENTS);
+    EXPECT_EQ(w.ab.entry_count(), AddressBook::MAX_ELEMENTS);
     EXPECT_EQ(w.ab.ab_find("Zed"), nullptr);
     // An edit replaces an entry, so it still fits.
     EXPECT_EQ(w.run("edit-sms phone_book Bob^|^777^|^Zed^|^1^|^^|^"), "SUCCESS");
     EXPECT_NE(w.ab.ab_find("Zed"), nullptr);
     EXPECT_EQ(w.ab.ab_find("Bob"), nullptr);
-    EXPECT_EQ(w.ab.entry_count, AddressBook::MAX_ELEMENTS);
+    EXPECT_EQ(w.ab.entry_count(), AddressBook::MAX_ELEMENTS);
 }
 
 TEST(PhoneBook, DeletingAContactCleansTheRuleLists) {
@@ -314,7 +314,7 @@ TEST(PhoneBook, EditingAContactCarriesItsPlaces) {
     ASSERT_NE(n, nullptr);
     EXPECT_EQ(n->entries->number, "556");
     EXPECT_EQ(n->entries->description, "new");
-    EXPECT_EQ(w.ab.entry_count, 1);
+    EXPECT_EQ(w.ab.entry_count(), 1);
     Group* team = w.ab.group_find("Team");
     ASSERT_EQ(team->member_count, 1u);
     EXPECT_EQ(team->members->member_entry, n->entries.get());
@@ -330,7 +330,7 @@ TEST(PhoneBook, EditingAContactCarriesItsPlaces) {
     EXPECT_EQ(w.run("edit-sms phone_book Anna^|^556^|^bob^|^777^|^x^|^"), "SUCCESS");
     EXPECT_EQ(w.rt.reply_buffer.str(), "ERROR:Edit Failed");
     EXPECT_NE(w.ab.ab_find("Anna"), nullptr);
-    EXPECT_EQ(w.ab.entry_count, 2);
+    EXPECT_EQ(w.ab.entry_count(), 2);
 }
 
 TEST(PhoneBook, GroupsCreateFillRenameDelete) {
@@ -353,7 +353,7 @@ TEST(PhoneBook, GroupsCreateFillRenameDelete) {
     Group* staff = w.ab.group_find("Staff");
     ASSERT_NE(staff, nullptr);
     EXPECT_EQ(staff->member_count, 2u);
-    EXPECT_EQ(w.ab.group_count, 3);
+    EXPECT_EQ(w.ab.group_count(), 3);
     EXPECT_EQ(w.file("/var/config/trigger_broadcast"),
               rec("^|^Kw^|^t^|^Staff]|[Team]|[^|^NO^|^[null]]|[^|^"));
     EXPECT_EQ(w.file("/var/config/preconf_sms"), rec("^|^msg^|^Staff]|[^|^"));
@@ -361,7 +361,7 @@ TEST(PhoneBook, GroupsCreateFillRenameDelete) {
     EXPECT_EQ(w.run("del-sms group Staff^|^Bob^|^777^|^"), "SUCCESS");
     EXPECT_EQ(staff->member_count, 1u);
     EXPECT_EQ(w.run("del-sms groups Staff^|^Half^|^"), "ERROR");
-    EXPECT_EQ(w.ab.group_count, 1);
+    EXPECT_EQ(w.ab.group_count(), 1);
     EXPECT_EQ(w.file("/var/config/trigger_broadcast"),
               rec("^|^Kw^|^t^|^Team]|[^|^NO^|^[null]]|[^|^"));
     EXPECT_EQ(w.file("/var/config/preconf_sms"), rec("^|^msg^|^[null]]|[^|^"));
@@ -440,5 +440,5 @@ TEST(HostileInput, MissingEmptyOverlongAndBinaryFields) {
     }
     for (const auto& f : test::tree_below(w.dir.path(), false))
         EXPECT_TRUE(allowed.count(f)) << "unexpected file " << f;
-    EXPECT_LE(w.ab.entry_count, AddressBook::MAX_ELEMENTS);
+    EXPECT_LE(w.ab.entry_count(), AddressBook::MAX_ELEMENTS);
 }

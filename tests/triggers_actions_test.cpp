@@ -177,7 +177,7 @@ TEST_F(ActionsTest, DeleteByNumber) {
     EXPECT_NE(entry("Dora", "+4950"), nullptr);
     EXPECT_EQ(read("var/run/enamefile"), "Dora^|^+4951^|^^|^\n");
     EXPECT_EQ(triggers->getactionobject(sms("+4999", "Del:;+4977")), 9);  // nobody
-    EXPECT_EQ(ab.entry_count, 1);
+    EXPECT_EQ(ab.entry_count(), 1);
 }
 
 TEST_F(ActionsTest, ApiStatusLines) {

@@ -92,6 +92,14 @@ class InsertCursor {
     std::string last_name_;
 };
 
+// One listing's output and progress, owned by its caller: set up before
+// the listing, read back after it.
+struct Listing {
+    FILE* output = nullptr;  // nothing is written while null
+    int list_index = 0;      // running position, advanced per entry visited
+    int listed_count = 0;    // entries written so far
+};
+
 class AddressBook {
   public:
     static constexpr int MAX_ELEMENTS = 20000;
@@ -104,6 +112,10 @@ class AddressBook {
     AddressBook& operator=(const AddressBook&) = delete;
 
     ReplyBuffer& reply() { return reply_; }
+    // Entries in the table (`entry_count`); see ab_delete_entry for when it
+    // runs below the true number.
+    int entry_count() const { return entry_count_; }
+    int group_count() const { return group_count_; }
 
     // ---- contact table ----
     // The node holding the new entry, or nullptr when nothing was stored
@@ -118,12 +130,29 @@ class AddressBook {
     TrieNode* ab_find(std::string_view name);
     // The entry of the list with that number (byte-wise), reply untouched.
     static Entry* ab_find_number(Entry* first, std::string_view number);
+    // 1 when the name exists: the count is lowered even when the name does
+    // not hold the number (nothing else changes then). 0 and "ERROR:Element
+    // Not Found" when the name is absent.
     int ab_delete_entry(std::string_view name, std::string_view number);
     int ab_delete_name(std::string_view name);
-    // Listings write to list_output; see list_index / listed_count.
-    int ab_list_page(int start);
-    int ab_list_prefix_page(std::string_view prefix, int start);
-    int ab_list_by_number(std::string_view number);
+    // An edit that changes name or number: the new entry is inserted while
+    // the old one does not count against the limit, takes over the old
+    // one's group places, and the old one is deleted. The new entry's node,
+    // or nullptr (nothing changed) when the insertion was refused.
+    TrieNode* ab_replace_entry(std::string_view old_name, std::string_view old_number,
+                               std::string_view name, std::string_view number,
+                               std::string_view description);
+    static void ab_set_description(Entry& entry, std::string_view description);
+
+    // Listings of ten-entry pages: records "L^|^name^|^number^|^desc^|^".
+    // The entries at positions start to start + 9, counting from the
+    // listing's list_index; returns the list_index reached.
+    int ab_list_page(Listing& out, int start);
+    // The same over the names that begin with `prefix` (ignoring case); the
+    // first page (start 1) goes on counting to the last match.
+    int ab_list_prefix_page(Listing& out, std::string_view prefix, int start);
+    // Lines "name^|^number^|^desc^|^\n" of the entries with that number.
+    int ab_list_by_number(Listing& out, std::string_view number);
     // Every entry in table order (name ignoring case, then number).
     // REQUIRES: the visitor does not insert or delete contacts.
     void ab_for_each_entry(const std::function<void(Entry&)>& visitor);
@@ -132,6 +161,10 @@ class AddressBook {
     Group* group_create(std::string_view name);
     Group* group_find(std::string_view name);
     int group_delete(std::string_view name, int keep);
+    // Creates `new_name` with the members of the group `old_name` (a full
+    // list still allows it) and deletes the old group. The new group, or
+    // nullptr (nothing changed) when it cannot be created.
+    Group* group_rename(std::string_view old_name, std::string_view new_name);
     int group_add_member(std::string_view group_name, Entry* entry);
     int group_add_member_to(Group* group, Entry* entry);
     // "SUCCESS" or the error text (also left in the reply buffer).
@@ -141,21 +174,17 @@ class AddressBook {
     void group_purge_entry(Entry* entry, int mode, Entry* replacement);
     int group_add_contact(std::string_view group_name, std::string_view contact_name);
     void group_fill_all(Group* group);
-    int group_list_page(int start);
-    int group_list_members_page(Group* group, int start);
+    // Group names, one a line, from position start to the next multiple of
+    // ten; 0 when there are no groups.
+    int group_list_page(Listing& out, int start);
+    // A page of the group's members as entry records; 0 when it has none.
+    int group_list_members_page(Listing& out, Group* group, int start);
     int group_append_loaded(std::string_view name);
     void group_append_member(Group* group, Entry* entry);
     void group_add_by_position(int position, Entry* entry);
     void group_write_memberships(FILE* stream, std::string_view name, std::string_view number);
     // Groups after the list head, in list order.
     Group* first_group() { return group_list_.next.get(); }
-
-    // ---- state shared with the listing callers ----
-    int entry_count = 0;
-    int group_count = 0;
-    FILE* list_output = nullptr;
-    int list_index = 0;
-    int listed_count = 0;
 
     TrieNode& trie_root() { return trie_root_; }
 
@@ -172,15 +201,19 @@ class AddressBook {
     Place walk_to(std::string_view name);
     TrieNode* insert(InsertCursor* cursor, std::string_view name, std::string_view number,
                      std::string_view description);
+    // The checks before a walk: the limit, and a name a node can spell.
+    bool may_insert(std::string_view name);
     TrieNode* add_to_node(TrieNode* node, std::string_view name, std::string_view number,
                           std::string_view description);
     TrieNode* stored(TrieNode* node);
     void remove_node(const Place& at);
     void prune();
+    // The first node whose name begins with `prefix` (the root for ""), or
+    // nullptr when no name does.
+    TrieNode* prefix_start(std::string_view prefix);
     // Pre-order from `start`: entries, child subtree, sibling chain.
     template <typename F>
     void visit_nodes(TrieNode* start, F&& visit);
-    void write_record(const Entry& e);
 
     Group* find_group_from_head(std::string_view name);
     bool is_head(const Group* g) const { return g == &group_list_; }
@@ -188,6 +221,8 @@ class AddressBook {
     static int insert_member_sorted(Group* group, Entry* entry);
 
     ReplyBuffer& reply_;
+    int entry_count_ = 0;
+    int group_count_ = 0;
     TrieNode trie_root_;
     Group group_list_;
     // Groups deleted with the keep flag while still holding members.

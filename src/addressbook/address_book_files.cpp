@@ -16,6 +16,7 @@
 #include "addressbook/address_book_files.h"
 
 #include <dirent.h>
+#include <sys/stat.h>
 #include <sys/types.h>
 #include <unistd.h>
 
@@ -187,7 +188,7 @@ struct TableOrder {
 
 TableOrder table_order(AddressBook& ab) {
     TableOrder t;
-    size_t n = static_cast<size_t>(ab.entry_count > 0 ? ab.entry_count : 0);
+    size_t n = static_cast<size_t>(ab.entry_count() > 0 ? ab.entry_count() : 0);
     t.entries.reserve(n);
     t.rank.reserve(n);
     std::vector<TrieNode*> stack;
@@ -389,36 +390,57 @@ void ab_load(AddressBook& ab, const Runtime& rt) {
     remove_file(rt.path("/var/run/init_address_book"));
 }
 
-void ab_save_contacts(AddressBook& ab, FILE* stream) {
-    if (!stream) return;
-    // The stream is the listing output only for the length of the save: the
-    // caller closes it afterwards.
-    FILE* previous = ab.list_output;
-    ab.list_output = stream;
+bool ab_save_contacts(AddressBook& ab, FILE* stream) {
+    if (!stream) return false;
     TableOrder table = table_order(ab);
-    const std::vector<Entry*>& order = table.entries;
-
     std::vector<PositionSet> positions;
-    if (!group_memberships(ab, table, positions)) {
+    if (group_memberships(ab, table, positions)) {
+        write_contacts(stream, table.entries, positions);
+    } else {
         // Some member is not a contact of the table: compare texts.
-        for (Entry* e : order) {
+        for (Entry* e : table.entries) {
             write_entry_fields(stream, *e);
             ab.group_write_memberships(stream, e->name, e->number);
         }
-    } else {
-        write_contacts(stream, order, positions);
     }
-    ab.list_output = previous;
+    return std::ferror(stream) == 0;
 }
 
-void ab_save_groups(AddressBook& ab, const Runtime& rt) {
+bool ab_save_groups(AddressBook& ab, const Runtime& rt) {
     // Replaced whole, so a power cut during a save leaves the previous list.
     std::string body;
     for (Group* g = ab.first_group(); g; g = g->next.get()) {
         body += g->group_name;
         body += '\n';
     }
-    write_file_atomic(rt.path("/var/AddressBook/groups"), body);
+    return write_file_atomic(rt.path("/var/AddressBook/groups"), body);
+}
+
+bool ab_save(AddressBook& ab, const Runtime& rt) {
+    // The contacts go to a fresh file that replaces the old one only when
+    // complete: truncating in place would leave a daemon killed mid-save
+    // with an empty or cut book at its next start, and the last good save
+    // gone.
+    const std::string path = rt.path("/var/AddressBook/Address_Book");
+    Fd fd;
+    auto temp = create_temp_file(rt.path("/var/AddressBook"), ".Address_Book.", &fd);
+    if (!temp) return false;
+    ::fchmod(fd.get(), 0644);  // as a plain create would have made it
+    FilePtr out(::fdopen(fd.get(), "w"));
+    if (!out) {
+        remove_file(*temp);
+        return false;
+    }
+    fd.release();
+    bool ok = ab.entry_count() == 0 || ab_save_contacts(ab, out.get());
+    ok = std::fflush(out.get()) == 0 && ok;
+    ok = ::fsync(::fileno(out.get())) == 0 && ok;
+    ok = std::fclose(out.release()) == 0 && ok;
+    if (!ok || !replace_file(*temp, path)) {
+        remove_file(*temp);
+        return false;
+    }
+    return ab.group_count() == 0 || ab_save_groups(ab, rt);
 }
 
 }  // namespace smsgw

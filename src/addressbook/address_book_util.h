@@ -47,6 +47,10 @@ inline bool istarts_with(std::string_view text, std::string_view prefix) {
     return text.size() >= prefix.size() && iequal(text.substr(0, prefix.size()), prefix);
 }
 
+// The record of a page listing: "L^|^name^|^number^|^description^|^",
+// L counting every byte after it. Nothing when `out` is null.
+void write_entry_record(FILE* out, const Entry& e);
+
 // Frees a member list one node at a time (lists can be 20000 long).
 inline void free_members(std::unique_ptr<GroupMember> m) {
     while (m) m = std::move(m->next);

@@ -82,7 +82,7 @@ void AddressBook::visit_nodes(TrieNode* start, F&& visit) {
 }
 
 TrieNode* AddressBook::stored(TrieNode* node) {
-    ++entry_count;
+    ++entry_count_;
     return node;
 }
 
@@ -96,22 +96,66 @@ TrieNode* AddressBook::ab_insert(InsertCursor& cursor, std::string_view name,
     return insert(&cursor, name, number, description);
 }
 
-TrieNode* AddressBook::insert(InsertCursor* cursor, std::string_view name, std::string_view number,
-                              std::string_view description) {
-    name = cstr(name);
-    number = cstr(number);
-    description = cstr(description);
-    if (entry_count > MAX_ELEMENTS - 1) {
+bool AddressBook::may_insert(std::string_view name) {
+    if (entry_count_ > MAX_ELEMENTS - 1) {
         reply_.set("Exceeded MAX Limit");
-        return nullptr;
+        return false;
     }
     reply_.set("SUCCESS");
     // No label can spell the empty name: such a node could never be found
     // or deleted again, so it is refused instead of stored.
     if (name.empty()) {
         reply_.set("ERROR");
-        return nullptr;
+        return false;
     }
+    return true;
+}
+
+namespace {
+
+// The lower-cased first byte of a node's label; -1 for the empty label.
+int first_byte(const TrieNode& node) {
+    return node.label.empty() ? -1 : lower_byte(node.label[0]);
+}
+
+// A name that ends or parts from `node` inside its label, k bytes in: the
+// node keeps the first k bytes. Returns the node holding `entry`.
+TrieNode* split_node(TrieNode& node, size_t k, std::string_view rest,
+                     std::unique_ptr<Entry> entry) {
+    // The label's rest takes over what the node held.
+    auto tail = std::make_unique<TrieNode>();
+    tail->label.assign(node.label.view().substr(k));
+    tail->entries = std::move(node.entries);
+    tail->child = std::move(node.child);
+    node.label.assign(node.label.view().substr(0, k));
+    if (k == rest.size()) {
+        // The new name is a proper prefix of the label.
+        node.entries = std::move(entry);
+        node.child = std::move(tail);
+        return &node;
+    }
+    // The names part inside the label: both rests become children of a now
+    // inner node, in the order of their first bytes.
+    auto leaf = make_leaf(rest.substr(k), std::move(entry));
+    TrieNode* holder = leaf.get();
+    if (lower_byte(rest[k]) < first_byte(*tail)) {
+        leaf->sibling = std::move(tail);
+        node.child = std::move(leaf);
+    } else {
+        tail->sibling = std::move(leaf);
+        node.child = std::move(tail);
+    }
+    return holder;
+}
+
+}  // namespace
+
+TrieNode* AddressBook::insert(InsertCursor* cursor, std::string_view name, std::string_view number,
+                              std::string_view description) {
+    name = cstr(name);
+    number = cstr(number);
+    description = cstr(description);
+    if (!may_insert(name)) return nullptr;
 
     size_t p = 0;
     std::unique_ptr<TrieNode>* link = &trie_root_.sibling;
@@ -119,59 +163,24 @@ TrieNode* AddressBook::insert(InsertCursor* cursor, std::string_view name, std::
     for (;;) {
         TrieNode* node = link->get();
         std::string_view rest = name.substr(p);
-        if (!node) {
-            // End of a sibling chain, or a node without children.
-            *link = make_leaf(rest, make_entry(name, number, description));
+        // Most nodes of a walk are passed, or inserted before, on their
+        // first byte alone (a chain is ordered by it); a chain's end or a
+        // node without children takes a new last node.
+        int first = lower_byte(rest[0]);
+        if (!node || first < first_byte(*node)) {
+            auto fresh = make_leaf(rest, make_entry(name, number, description));
+            fresh->sibling = std::move(*link);
+            *link = std::move(fresh);
             return stored(link->get());
         }
-        // Most nodes of a walk are passed, or inserted before, on their
-        // first byte alone (a chain is ordered by it).
-        int first = lower_byte(rest[0]);
-        int label_first = node->label.empty() ? -1 : lower_byte(node->label[0]);
-        if (first != label_first) {
-            if (first < label_first) {
-                auto fresh = make_leaf(rest, make_entry(name, number, description));
-                fresh->sibling = std::move(*link);
-                *link = std::move(fresh);
-                return stored(link->get());
-            }
+        if (first != first_byte(*node)) {
             link = &node->sibling;
             continue;
         }
         size_t k = common_prefix(rest, node->label);
-        bool name_ends = k == rest.size();
-        bool label_ends = k == node->label.size();
-        if (name_ends && label_ends) return add_to_node(node, name, number, description);
-        if (name_ends) {
-            // The new name is a proper prefix of the label.
-            auto tail = std::make_unique<TrieNode>();
-            tail->label.assign(node->label.view().substr(k));
-            tail->entries = std::move(node->entries);
-            tail->child = std::move(node->child);
-            node->label.assign(node->label.view().substr(0, k));
-            node->entries = make_entry(name, number, description);
-            node->child = std::move(tail);
-            return stored(node);
-        }
-        if (!label_ends) {
-            // The names part inside the label: old rest (A) and new rest (B)
-            // become the children of a now inner node.
-            auto a = std::make_unique<TrieNode>();
-            a->label.assign(node->label.view().substr(k));
-            a->entries = std::move(node->entries);
-            a->child = std::move(node->child);
-            auto b = make_leaf(rest.substr(k), make_entry(name, number, description));
-            TrieNode* holder = b.get();
-            node->label.assign(node->label.view().substr(0, k));
-            if (lower_byte(rest[k]) < lower_byte(a->label[0])) {
-                b->sibling = std::move(a);
-                node->child = std::move(b);
-            } else {
-                a->sibling = std::move(b);
-                node->child = std::move(a);
-            }
-            return stored(holder);
-        }
+        if (k < node->label.size())
+            return stored(split_node(*node, k, rest, make_entry(name, number, description)));
+        if (k == rest.size()) return add_to_node(node, name, number, description);
         p += k;
         link = &node->child;
         if (cursor) cursor->path_.push_back({p, link});
@@ -258,7 +267,7 @@ int AddressBook::ab_delete_entry(std::string_view name, std::string_view number)
     }
     // Lowered before the number is looked at: a number the name does not
     // hold still costs one from the count. Callers rely on this.
-    --entry_count;
+    --entry_count_;
     number = cstr(number);
     TrieNode* node = at.node;
     if (!node->entries->next) {
@@ -276,6 +285,25 @@ int AddressBook::ab_delete_entry(std::string_view name, std::string_view number)
     return 1;
 }
 
+TrieNode* AddressBook::ab_replace_entry(std::string_view old_name, std::string_view old_number,
+                                        std::string_view name, std::string_view number,
+                                        std::string_view description) {
+    --entry_count_;
+    TrieNode* node = ab_insert(name, number, description);
+    ++entry_count_;
+    if (!node) return nullptr;
+    Entry* fresh = ab_find_number(node->entries.get(), number);
+    TrieNode* old_node = ab_find(old_name);
+    Entry* old = old_node ? ab_find_number(old_node->entries.get(), old_number) : nullptr;
+    if (fresh && old) group_purge_entry(old, 1, fresh);
+    ab_delete_entry(old_name, old_number);
+    return node;
+}
+
+void AddressBook::ab_set_description(Entry& entry, std::string_view description) {
+    entry.description.assign(cstr(description));
+}
+
 int AddressBook::ab_delete_name(std::string_view name) {
     Place at = walk_to(name);
     if (!at.node) {
@@ -285,7 +313,7 @@ int AddressBook::ab_delete_name(std::string_view name) {
     TrieNode* node = at.node;
     for (;;) {
         group_purge_entry(node->entries.get(), 0, nullptr);
-        --entry_count;
+        --entry_count_;
         if (!node->entries->next) break;
         std::unique_ptr<Entry> dead = std::move(node->entries);
         node->entries = std::move(dead->next);
@@ -341,101 +369,112 @@ void AddressBook::prune() {
     }
 }
 
-void AddressBook::write_record(const Entry& e) {
-    if (!list_output) return;
+void write_entry_record(FILE* out, const Entry& e) {
+    if (!out) return;
     size_t len = e.name.size() + e.number.size() + e.description.size() + 12;
-    std::fprintf(list_output, "%zu^|^", len);
-    std::fwrite(e.name.data(), 1, e.name.size(), list_output);
-    std::fputs("^|^", list_output);
-    std::fwrite(e.number.data(), 1, e.number.size(), list_output);
-    std::fputs("^|^", list_output);
-    std::fwrite(e.description.data(), 1, e.description.size(), list_output);
-    std::fputs("^|^", list_output);
+    std::fprintf(out, "%zu^|^", len);
+    std::fwrite(e.name.data(), 1, e.name.size(), out);
+    std::fputs("^|^", out);
+    std::fwrite(e.number.data(), 1, e.number.size(), out);
+    std::fputs("^|^", out);
+    std::fwrite(e.description.data(), 1, e.description.size(), out);
+    std::fputs("^|^", out);
 }
 
-int AddressBook::ab_list_page(int start) {
+namespace {
+
+// Position d of the entry at list_index on a page from `start`, taken as
+// unsigned: 0 to 9 lie on the page.
+uint32_t page_offset(const Listing& out, int start) {
+    return static_cast<uint32_t>(out.list_index) - static_cast<uint32_t>(start);
+}
+
+void advance(Listing& out) {
+    out.list_index = static_cast<int>(static_cast<uint32_t>(out.list_index) + 1u);
+}
+
+}  // namespace
+
+int AddressBook::ab_list_page(Listing& out, int start) {
     visit_nodes(trie_root_.sibling.get(), [&](TrieNode& n) {
         for (Entry* e = n.entries.get(); e; e = e->next.get()) {
-            uint32_t d = static_cast<uint32_t>(list_index) - static_cast<uint32_t>(start);
+            uint32_t d = page_offset(out, start);
             if (d == 10) return Visit::kStop;
             if (d <= 9) {
-                write_record(*e);
-                ++listed_count;
+                write_entry_record(out.output, *e);
+                ++out.listed_count;
             }
-            list_index = static_cast<int>(static_cast<uint32_t>(list_index) + 1u);
+            advance(out);
         }
         return Visit::kGoOn;
     });
-    return list_index;
+    return out.list_index;
 }
 
-int AddressBook::ab_list_prefix_page(std::string_view prefix, int start) {
-    prefix = cstr(prefix);
-    // Follow the prefix down to the first node whose name begins with it.
-    TrieNode* from = &trie_root_;
-    if (!prefix.empty()) {
-        from = nullptr;
-        size_t p = 0;
-        TrieNode* node = trie_root_.sibling.get();
-        while (node) {
-            std::string_view rest = prefix.substr(p);
-            size_t k = common_prefix(rest, node->label);
-            if (k == 0) {
-                node = node->sibling.get();
-                continue;
-            }
-            if (k == rest.size()) {
-                from = node;
-                break;
-            }
-            if (k < node->label.size()) break;
-            p += k;
-            node = node->child.get();
+TrieNode* AddressBook::prefix_start(std::string_view prefix) {
+    if (prefix.empty()) return &trie_root_;
+    size_t p = 0;
+    TrieNode* node = trie_root_.sibling.get();
+    while (node) {
+        std::string_view rest = prefix.substr(p);
+        size_t k = common_prefix(rest, node->label);
+        if (k == 0) {
+            node = node->sibling.get();
+            continue;
         }
+        if (k == rest.size()) return node;
+        if (k < node->label.size()) return nullptr;
+        p += k;
+        node = node->child.get();
     }
-    if (!from) return list_index;
+    return nullptr;
+}
 
+int AddressBook::ab_list_prefix_page(Listing& out, std::string_view prefix, int start) {
+    prefix = cstr(prefix);
+    TrieNode* from = prefix_start(prefix);
+    if (!from) return out.list_index;
     visit_nodes(from, [&](TrieNode& n) {
         if (!n.entries) return Visit::kGoOn;
         if (!istarts_with(n.entries->name, prefix)) return Visit::kSkipBranch;
         for (Entry* e = n.entries.get(); e; e = e->next.get()) {
-            uint32_t d = static_cast<uint32_t>(list_index) - static_cast<uint32_t>(start);
+            uint32_t d = page_offset(out, start);
             trace("res-%d\n", static_cast<int>(d));
             if (d <= 9) {
-                write_record(*e);
-                ++listed_count;
+                write_entry_record(out.output, *e);
+                ++out.listed_count;
             } else if (d == 10 && start != 1) {
                 return Visit::kStop;
             }
             // The first page counts every match, which the caller reports
             // as the total.
-            list_index = static_cast<int>(static_cast<uint32_t>(list_index) + 1u);
+            advance(out);
         }
         return Visit::kGoOn;
     });
-    return list_index;
+    return out.list_index;
 }
 
-int AddressBook::ab_list_by_number(std::string_view number) {
+int AddressBook::ab_list_by_number(Listing& out, std::string_view number) {
     number = cstr(number);
     visit_nodes(trie_root_.sibling.get(), [&](TrieNode& n) {
         for (Entry* e = n.entries.get(); e; e = e->next.get()) {
             // Nodes with children compare ignoring case and are not counted.
             bool match = n.child ? iequal(e->number, number) : e->number == number;
             if (!match) continue;
-            if (list_output) {
-                std::fwrite(e->name.data(), 1, e->name.size(), list_output);
-                std::fputs("^|^", list_output);
-                std::fwrite(e->number.data(), 1, e->number.size(), list_output);
-                std::fputs("^|^", list_output);
-                std::fwrite(e->description.data(), 1, e->description.size(), list_output);
-                std::fputs("^|^\n", list_output);
+            if (out.output) {
+                std::fwrite(e->name.data(), 1, e->name.size(), out.output);
+                std::fputs("^|^", out.output);
+                std::fwrite(e->number.data(), 1, e->number.size(), out.output);
+                std::fputs("^|^", out.output);
+                std::fwrite(e->description.data(), 1, e->description.size(), out.output);
+                std::fputs("^|^\n", out.output);
             }
-            if (!n.child) list_index = static_cast<int>(static_cast<uint32_t>(list_index) + 1u);
+            if (!n.child) advance(out);
         }
         return Visit::kGoOn;
     });
-    return list_index;
+    return out.list_index;
 }
 
 void AddressBook::ab_for_each_entry(const std::function<void(Entry&)>& visitor) {

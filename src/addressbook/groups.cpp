@@ -18,7 +18,7 @@ Group* AddressBook::find_group_from_head(std::string_view name) {
 
 Group* AddressBook::group_create(std::string_view name) {
     name = cstr(name);
-    if (group_count > MAX_GROUPS - 1) return nullptr;
+    if (group_count_ > MAX_GROUPS - 1) return nullptr;
     if (group_list_.next && find_group_from_head(name)) {
         reply_.set("ERROR:Group Already exists with the name");
         return nullptr;
@@ -29,7 +29,7 @@ Group* AddressBook::group_create(std::string_view name) {
     g->group_name.assign(name);
     g->next = std::move(after->next);
     after->next = std::move(g);
-    ++group_count;
+    ++group_count_;
     return after->next.get();
 }
 
@@ -52,7 +52,7 @@ int AddressBook::group_delete(std::string_view name, int keep) {
         reply_.set("ERROR:Element Not Found in the Group");
         return 0;
     }
-    --group_count;
+    --group_count_;
     reply_.set("SUCCESS");
     trace("SUCCESS\n");
     std::unique_ptr<Group> g = std::move(prev->next);
@@ -64,6 +64,27 @@ int AddressBook::group_delete(std::string_view name, int keep) {
     }
     free_members(std::move(g->members));
     return 1;
+}
+
+Group* AddressBook::group_rename(std::string_view old_name, std::string_view new_name) {
+    // The old group still counts until it is deleted: a full list must
+    // still allow a rename.
+    --group_count_;
+    Group* fresh = group_create(new_name);
+    ++group_count_;
+    if (!fresh) return nullptr;
+    old_name = cstr(old_name);
+    Group* old = first_group();
+    while (old && (old == fresh || !iequal(old->group_name, old_name))) old = old->next.get();
+    if (old) {
+        fresh->members = std::move(old->members);
+        fresh->last_member = old->last_member;
+        fresh->member_count = old->member_count;
+        old->last_member = nullptr;
+        old->member_count = 0;
+    }
+    group_delete(old_name, 1);
+    return fresh;
 }
 
 int AddressBook::insert_member_sorted(Group* group, Entry* entry) {
@@ -166,8 +187,8 @@ void AddressBook::group_purge_entry(Entry* entry, int mode, Entry* replacement) 
         if (mode == 0) {
             --g->member_count;
         } else if (group_add_member(g->group_name, replacement) == 1) {
-            // A failed re-add leaves the count one too high, as callers
-            // have always seen it.
+            // Only a member the replacement took lowers the count: after a
+            // failed re-add it stays one too high, and listings report it so.
             --g->member_count;
         }
     }
@@ -198,12 +219,12 @@ void AddressBook::group_append_member(Group* group, Entry* entry) {
 }
 
 int AddressBook::group_append_loaded(std::string_view name) {
-    if (group_count > MAX_GROUPS - 1) return 1;
+    if (group_count_ > MAX_GROUPS - 1) return 1;
     Group* last = &group_list_;
     while (last->next) last = last->next.get();
     last->next = std::make_unique<Group>();
     last->next->group_name.assign(cstr(name));
-    ++group_count;
+    ++group_count_;
     return 1;
 }
 
@@ -218,27 +239,27 @@ void AddressBook::group_add_by_position(int position, Entry* entry) {
     }
 }
 
-int AddressBook::group_list_page(int start) {
+int AddressBook::group_list_page(Listing& out, int start) {
     if (!group_list_.next) return 0;
     long long last = static_cast<long long>(start / 10) * 10 + 10;
     long long i = 1;
     for (Group* g = group_list_.next.get(); g; g = g->next.get(), ++i) {
         if (i > last) break;
-        if (i >= start && list_output) std::fprintf(list_output, "%s\n", g->group_name.c_str());
+        if (i >= start && out.output) std::fprintf(out.output, "%s\n", g->group_name.c_str());
     }
     return 1;
 }
 
-int AddressBook::group_list_members_page(Group* group, int start) {
+int AddressBook::group_list_members_page(Listing& out, Group* group, int start) {
     trace("Display Individual to file\n");
     if (!group || !group->members) return 0;
     uint32_t j = 1;
     for (GroupMember* m = group->members.get(); m; m = m->next.get(), ++j) {
         uint32_t d = j - static_cast<uint32_t>(start);
-        listed_count = static_cast<int>(d);
+        out.listed_count = static_cast<int>(d);
         if (d <= 9) {
-            write_record(*m->member_entry);
-        } else if (listed_count > 10) {
+            write_entry_record(out.output, *m->member_entry);
+        } else if (out.listed_count > 10) {
             break;
         }
     }

@@ -51,24 +51,25 @@ FilePtr open_response_file(const std::string& path);
 // Leaves an empty response file at the name ("> FILE").
 void empty_response_file(const std::string& path);
 
-// The response file opened for a listing: the address book writes into it
-// while it is open; closed (and detached from the book) on destruction.
+// The response file opened for a listing, with the listing's state; the
+// file is closed on destruction.
 class ResponseListing {
   public:
-    explicit ResponseListing(CommandContext& ctx);
-    ~ResponseListing();
+    explicit ResponseListing(const CommandContext& ctx);
     ResponseListing(const ResponseListing&) = delete;
     ResponseListing& operator=(const ResponseListing&) = delete;
 
     bool ok() const { return file_ != nullptr; }
+    // What the address book's listings write to and advance.
+    Listing& listing() { return listing_; }
     // The length-prefixed "^|^MAX_ELEMENTS=n" trailer of entry listings.
     void counted_trailer(int elements);
     void write(std::string_view text);
     void close();
 
   private:
-    CommandContext& ctx_;
     FilePtr file_;
+    Listing listing_;
 };
 
 // Part of the phone-book handlers (cursor behind the second word).

@@ -1,8 +1,5 @@
 #include "commands/command_parser.h"
 
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <cstdio>
 
 #include "addressbook/address_book_files.h"
@@ -195,32 +192,6 @@ std::string edit_dispatch(CommandContext& ctx) {
     return "ERROR";
 }
 
-// The contacts go to a fresh file that replaces the old one only when
-// complete: truncating in place would leave a daemon killed mid-save with an
-// empty or cut book at its next start, and the last good save gone.
-std::string save_address_book(CommandContext& ctx) {
-    const std::string path = ctx.rt.path("/var/AddressBook/Address_Book");
-    Fd fd;
-    auto temp = create_temp_file(ctx.rt.path("/var/AddressBook"), ".Address_Book.", &fd);
-    if (!temp) return "ERROR";
-    ::fchmod(fd.get(), 0644);  // as a plain create would have made it
-    FilePtr out(::fdopen(fd.get(), "w"));
-    if (!out) {
-        remove_file(*temp);
-        return "ERROR";
-    }
-    fd.release();
-    if (ctx.ab.entry_count != 0) ab_save_contacts(ctx.ab, out.get());
-    bool written = std::fflush(out.get()) == 0 && ::fsync(fileno(out.get())) == 0;
-    written = std::fclose(out.release()) == 0 && written;
-    if (!written || !replace_file(*temp, path)) {
-        remove_file(*temp);
-        return "ERROR";
-    }
-    if (ctx.ab.group_count != 0) ab_save_groups(ctx.ab, ctx.rt);
-    return "SUCCESS";
-}
-
 std::string set_sms_http(CommandContext& ctx) {
     auto word = ctx.next(" ");
     if (!word) return ctx.reply_buffer();
@@ -262,7 +233,7 @@ std::string CommandParser::parse_command(std::string_view text) {
     if (*verb == "add-sms") return add_dispatch(ctx);
     if (*verb == "del-sms") return del_dispatch(ctx);
     if (*verb == "edit-sms") return edit_dispatch(ctx);
-    if (*verb == "save-address-book") return save_address_book(ctx);
+    if (*verb == "save-address-book") return ab_save(ctx.ab, ctx.rt) ? "SUCCESS" : "ERROR";
     if (*verb == "sms-modem-reset") {
         reply_to_txrx(ctx.rt, "cmd reset_modem");
         return "SUCCESS";

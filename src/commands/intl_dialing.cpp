@@ -14,7 +14,8 @@ namespace smsgw {
 
 namespace {
 
-// The settings file has always been read 29 characters at a time.
+// Lines are read in pieces of at most 29 characters; a key found anywhere
+// in a piece counts.
 constexpr size_t kLineBuffer = 30;
 
 std::string settings_path(const Runtime& rt) {

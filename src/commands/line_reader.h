@@ -1,6 +1,6 @@
-// Line reading with a fixed buffer, as the settings files have always been
-// read: a line longer than the buffer comes back in several pieces, each of
-// at most size - 1 bytes, the last one ending in its newline.
+// Line reading with a fixed buffer, the way the settings files are read: a
+// line longer than the buffer comes back in several pieces, each of at most
+// size - 1 bytes, the last one ending in its newline.
 #pragma once
 
 #include <cstdio>

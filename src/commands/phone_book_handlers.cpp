@@ -1,7 +1,7 @@
 // The address-book commands of the web interface. Each handler cuts its
 // own fields, calls the contact table and the groups, keeps the rule lists
-// in step and answers with the reply text the web pages expect, including
-// the replies they have always received where these look odd.
+// in step and answers with the reply text the web pages expect, odd ones
+// included.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -80,13 +80,9 @@ void empty_response_file(const std::string& path) {
     open_fixed_temp(path, "w");
 }
 
-ResponseListing::ResponseListing(CommandContext& ctx)
-    : ctx_(ctx), file_(open_response_file(ctx.response_file())) {
-    ctx_.ab.list_output = file_.get();
-}
-
-ResponseListing::~ResponseListing() {
-    close();
+ResponseListing::ResponseListing(const CommandContext& ctx)
+    : file_(open_response_file(ctx.response_file())) {
+    listing_.output = file_.get();
 }
 
 void ResponseListing::write(std::string_view text) {
@@ -99,7 +95,7 @@ void ResponseListing::counted_trailer(int elements) {
 }
 
 void ResponseListing::close() {
-    ctx_.ab.list_output = nullptr;
+    listing_.output = nullptr;
     file_.reset();
 }
 
@@ -110,25 +106,25 @@ std::string get_phone_book(CommandContext& ctx) {
     auto second = ctx.next_field();
     ResponseListing out(ctx);
     if (!out.ok()) return "ERROR";
-    AddressBook& ab = ctx.ab;
-    ab.listed_count = 1;
-    ab.list_index = 1;
+    Listing& listing = out.listing();
+    listing.listed_count = 1;
+    listing.list_index = 1;
     int max_elements = 0;
     if (second) {
         int start = page_start(*second);
         std::string prefix = first->substr(0, kNameRoom);
-        if (ab.ab_list_prefix_page(prefix, start) < 0) return "ERROR";
+        if (ctx.ab.ab_list_prefix_page(listing, prefix, start) < 0) return "ERROR";
         if (start == 1) {
-            ctx.match_total = ab.list_index - 1;
-            if (ab.list_index == 1) {
+            ctx.match_total = listing.list_index - 1;
+            if (listing.list_index == 1) {
                 ctx.rt.reply_buffer.set("ERROR:Search is Unsuccesful.");
                 return ctx.reply_buffer();
             }
         }
         max_elements = ctx.match_total;
     } else {
-        ab.ab_list_page(page_start(*first));
-        max_elements = ab.entry_count;
+        ctx.ab.ab_list_page(listing, page_start(*first));
+        max_elements = ctx.ab.entry_count();
     }
     out.counted_trailer(max_elements);
     return ctx.response_file();
@@ -139,10 +135,9 @@ std::string get_phone_number(CommandContext& ctx) {
     if (!number) return ctx.reply_buffer();
     ResponseListing out(ctx);
     if (!out.ok()) return "ERROR";
-    ctx.ab.list_index = 0;
-    ctx.ab.ab_list_by_number(*number);
+    int found = ctx.ab.ab_list_by_number(out.listing(), *number);
     out.close();
-    return ctx.ab.list_index != 0 ? ctx.response_file() : "ERROR";
+    return found != 0 ? ctx.response_file() : "ERROR";
 }
 
 std::string get_groups(CommandContext& ctx) {
@@ -150,10 +145,8 @@ std::string get_groups(CommandContext& ctx) {
     int start = field ? c_atoi(*field) : 1;
     ResponseListing out(ctx);
     if (!out.ok()) return "ERROR";
-    ctx.ab.listed_count = 1;
-    ctx.ab.list_index = 0;
-    ctx.ab.group_list_page(start);
-    out.write("MAX_ELEMENTS=" + std::to_string(ctx.ab.group_count) + "\n");
+    ctx.ab.group_list_page(out.listing(), start);
+    out.write("MAX_ELEMENTS=" + std::to_string(ctx.ab.group_count()) + "\n");
     return ctx.response_file();
 }
 
@@ -165,17 +158,17 @@ std::string group_members_search(CommandContext& ctx, const std::string& group_n
                                  const std::string& start_field) {
     ResponseListing out(ctx);
     if (!out.ok()) return "ERROR";
-    AddressBook& ab = ctx.ab;
-    ab.listed_count = 1;
-    ab.list_index = 1;
-    Group* group = ab.group_find(group_name);
+    Listing& listing = out.listing();
+    listing.listed_count = 1;
+    listing.list_index = 1;
+    Group* group = ctx.ab.group_find(group_name);
     if (!group) {
         out.counted_trailer(1);
         return "SUCCESS";
     }
     int start = c_atoi(start_field);
-    ab.group_list_members_page(group, start);
-    if (start == 1) ctx.match_total = ab.list_index - 1;
+    ctx.ab.group_list_members_page(listing, group, start);
+    if (start == 1) ctx.match_total = listing.list_index - 1;
     out.counted_trailer(ctx.match_total);
     return ctx.response_file();
 }
@@ -183,18 +176,15 @@ std::string group_members_search(CommandContext& ctx, const std::string& group_n
 // "get-sms group GROUP^|^[START^|^]": a page of the group's members.
 std::string group_members_page(CommandContext& ctx, const std::string& group_name,
                                const std::optional<std::string>& start_field) {
-    AddressBook& ab = ctx.ab;
     int start = start_field ? c_atoi(*start_field) : 0;
-    Group* group = ab.group_find(group_name);
+    Group* group = ctx.ab.group_find(group_name);
     ResponseListing out(ctx);
     if (!out.ok()) return "ERROR";
     if (!group) {
         out.counted_trailer(0);
         return "SUCCESS";
     }
-    ab.listed_count = 1;
-    ab.list_index = 0;
-    ab.group_list_members_page(group, start);
+    ctx.ab.group_list_members_page(out.listing(), group, start);
     out.counted_trailer(static_cast<int>(group->member_count));
     return ctx.response_file();
 }
@@ -215,9 +205,9 @@ std::string get_total_entries(CommandContext& ctx) {
     if (!kind) return ctx.reply_buffer();
     int total = 0;
     if (*kind == "phone_book") {
-        total = ctx.ab.entry_count;
+        total = ctx.ab.entry_count();
     } else if (*kind == "groups") {
-        total = ctx.ab.group_count;
+        total = ctx.ab.group_count();
     } else if (*kind == "trigger") {
         auto sub = ctx.next_field();
         if (!sub) return ctx.reply_buffer();
@@ -240,7 +230,7 @@ std::string get_total_entries(CommandContext& ctx) {
 
 std::string add_phone_book_entry(CommandContext& ctx) {
     AddressBook& ab = ctx.ab;
-    if (ab.entry_count >= AddressBook::MAX_ELEMENTS) {
+    if (ab.entry_count() >= AddressBook::MAX_ELEMENTS) {
         ctx.rt.reply_buffer.set("Exceeded MAX Limit");
         return ctx.reply_buffer();
     }
@@ -327,7 +317,7 @@ std::string delete_groups(CommandContext& ctx) {
         ctx.ab.group_delete(*group, 0);
         ctx.rules.update_rule_groups(*group, "", 1);
     }
-    // The web page has always been answered "ERROR" here, whatever went.
+    // "ERROR" whatever was deleted: the only reply the web page expects here.
     return "ERROR";
 }
 
@@ -338,18 +328,7 @@ namespace {
 void replace_entry(CommandContext& ctx, const std::string& old_name, const std::string& old_number,
                    const std::string& new_name, const std::string& new_number,
                    const std::string& desc) {
-    AddressBook& ab = ctx.ab;
-    // The old entry is about to leave, so it does not count against the
-    // table's limit.
-    ab.entry_count -= 1;
-    TrieNode* node = ab.ab_insert(new_name, new_number, desc);
-    ab.entry_count += 1;
-    if (!node) return;
-    Entry* fresh = AddressBook::ab_find_number(node->entries.get(), new_number);
-    Entry* old = find_entry(ab, old_name, old_number);
-    if (fresh && old) ab.group_purge_entry(old, 1, fresh);
-    ab.ab_delete_entry(old_name, old_number);
-
+    if (!ctx.ab.ab_replace_entry(old_name, old_number, new_name, new_number, desc)) return;
     if (ctx.rules.delete_auth_user(old_name, old_number) == "SUCCESS") {
         ctx.rules.add_auth_user(new_name, new_number);
     }
@@ -378,11 +357,11 @@ std::string edit_phone_book_entry(CommandContext& ctx) {
             ctx.rt.reply_buffer.set("ERROR:Edit Failed");
             return ctx.reply_buffer();
         }
-        entry->description = *desc;
+        AddressBook::ab_set_description(*entry, *desc);
         return "SUCCESS";
     }
-    // A failed change has always been answered "SUCCESS", with the failure
-    // left in the reply buffer only.
+    // A failed change is answered "SUCCESS" too, the failure left in the
+    // reply buffer only: the web page expects no other reply.
     if (!find_entry(ab, *old_name, *old_number) || find_entry(ab, *new_name, *new_number)) {
         ctx.rt.reply_buffer.set("ERROR:Edit Failed");
         return "SUCCESS";
@@ -396,33 +375,13 @@ std::string rename_group(CommandContext& ctx) {
     if (!old_name) return "ERROR";
     auto new_name = ctx.next_field(kGroupRoom);
     if (!new_name) return "";
-    AddressBook& ab = ctx.ab;
-    Group* old_group = ab.group_find(*old_name);
-    if (!old_group) {
+    if (!ctx.ab.group_find(*old_name)) {
         ctx.rt.reply_buffer.set("ERROR:Group Doesnot Exist");
         return ctx.reply_buffer();
     }
-    // The old group still counts until it is deleted; a full list must
-    // still allow a rename.
-    ab.group_count -= 1;
-    Group* new_group = ab.group_create(*new_name);
-    ab.group_count += 1;
-    if (!new_group) return ctx.reply_buffer();
-    // group_create may have moved list links, but not the old group itself.
-    old_group = nullptr;
-    for (Group* g = ab.first_group(); g; g = g->next.get()) {
-        if (g != new_group && iequals(g->group_name, *old_name)) old_group = g;
-    }
-    if (old_group) {
-        new_group->members = std::move(old_group->members);
-        new_group->last_member = old_group->last_member;
-        new_group->member_count = old_group->member_count;
-        old_group->last_member = nullptr;
-        old_group->member_count = 0;
-    }
-    ab.group_delete(*old_name, 1);
+    if (!ctx.ab.group_rename(*old_name, *new_name)) return ctx.reply_buffer();
     ctx.rules.update_rule_groups(*old_name, *new_name, 0);
-    // The web page has always been answered with the untouched reply text.
+    // The web page is answered with the reply text as a command starts it.
     ctx.rt.reply_buffer.set(kInvalid);
     return ctx.reply_buffer();
 }

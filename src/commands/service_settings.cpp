@@ -16,7 +16,8 @@ namespace smsgw {
 
 namespace {
 
-// Configuration lines have always been read with a 256-byte buffer.
+// Configuration lines are read with a 256-byte buffer: the rest of a longer
+// line comes as a piece of its own.
 constexpr size_t kLineBuffer = 256;
 
 bool line_has_key(std::string_view line, std::string_view key) {
@@ -118,9 +119,8 @@ std::string set_sms_status(const Runtime& rt, std::string_view state) {
     std::string s(state);
     reply_to_txrx(rt, "cmd set-sms-status " + s + " ");
     if (state != "disable") {
-        // The process search this start has always depended on finds at
-        // least its own grep, so the client is started for every state
-        // other than "disable".
+        // Every state but "disable" starts the client, whether one runs
+        // already or not.
         start_http_client(rt);
     } else {
         std::string notice = "set-sms 1 status " + s + "^|^";

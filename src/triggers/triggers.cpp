@@ -157,10 +157,8 @@ struct Triggers::Impl {
                 trace("/var/run/RESPONSE_FILE file not found\n");
                 return;
             }
-            FILE* saved = ab.list_output;
-            ab.list_output = out.get();
-            ab.ab_list_by_number(entry->number);
-            ab.list_output = saved;
+            Listing listing{out.get()};
+            ab.ab_list_by_number(listing, entry->number);
         }
         FilePtr in = open_file(path, "r");
         if (!in) {
@@ -304,7 +302,7 @@ int Triggers::getactionobject(std::string_view message) {
     Impl& im = *impl_;
     trace("Before getactionobject()\n");
     action_reply_.fill('\0');
-    ParseContext ctx{im.rt, trigger_work_buffer_size(im.ab.entry_count), im.time_settings_busy};
+    ParseContext ctx{im.rt, trigger_work_buffer_size(im.ab.entry_count()), im.time_settings_busy};
     ParsedMessage parsed = parse_trigger_sms(ctx, message);
     if (!parsed.fail_log.empty()) syslog(LOG_INFO, "%s", fail_log_line(parsed.fail_log).c_str());
     if (parsed.count_received) count_sms_stat(im.rt, kStatReceived);

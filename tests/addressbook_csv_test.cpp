@@ -68,11 +68,7 @@ TEST_F(Csv, ReimportingAnExportRestoresTheContacts) {
     ReplyBuffer r2;
     AddressBook fresh(r2);
     format("1\n2\n4\n3\n");
-    // Uploaded with plain line breaks the fields come back exactly.
-    std::string unix_text;
-    for (char c : text)
-        if (c != '\r') unix_text += c;
-    test::write_file(upload, unix_text);
+    test::write_file(upload, text);
     csv_import(fresh, rt, upload);
     std::vector<std::string> got;
     fresh.ab_for_each_entry(
@@ -81,12 +77,12 @@ TEST_F(Csv, ReimportingAnExportRestoresTheContacts) {
     EXPECT_FALSE(test::exists(empty_marker));
 }
 
-TEST_F(Csv, TheLastCharacterOfALineIsNotExamined) {
+TEST_F(Csv, TheLineEndIsNotPartOfTheLastField) {
     format("1\n2\n4\n3\n");
-    // With "\r\n" the carriage return stays in the last column and turns
-    // into a blank; a line without a break loses its last character.
-    import("Ann,Lee,d,555\r\nBob,,e,777");
-    EXPECT_EQ(entries(), (std::vector<std::string>{"Ann Lee|555 |d", "Bob |77|e"}));
+    // A CR before the final LF belongs to the line end; any other final
+    // character is not examined, so a line without LF loses its last one.
+    import("Ann,Lee,d,555\r\nBob,,e,777\r\r\nCy,,f,999");
+    EXPECT_EQ(entries(), (std::vector<std::string>{"Ann Lee|555|d", "Bob |777 |e", "Cy |99|f"}));
 }
 
 TEST_F(Csv, QuotedFields) {

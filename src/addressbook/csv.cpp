@@ -104,28 +104,27 @@ class LineFields {
         scratch_.clear();
     }
 
-    // Splits one line into the four fields; the final character (normally
-    // the line break) is not looked at.
+    // Splits one line into the four fields.
     void parse(std::string_view line, const ColumnFormat& fmt) {
         int place = 0;
         int column = 0;
         select(fmt.column[kFirst] == 1 ? fmt.field_at[0] : -1);
         bool in_quotes = false;
         bool quoted = false;
-        size_t n = line.size();
-        for (size_t i = 0; i + 1 < n; ++i) {
+        size_t n = examined_length(line);
+        for (size_t i = 0; i < n; ++i) {
             char c = line[i];
             if (c == '"') {
                 if (!in_quotes) {
                     in_quotes = true;
                     quoted = true;
                     put('"');
-                } else if (i + 2 < n && line[i + 1] == '"') {
+                } else if (i + 1 < n && line[i + 1] == '"') {
                     put('"');
                     ++i;
                 } else {
                     in_quotes = false;
-                    if (i + 2 == n) drop_leading_quote();
+                    if (i + 1 == n) drop_leading_quote();
                 }
                 continue;
             }
@@ -147,6 +146,15 @@ class LineFields {
     }
 
   private:
+    // The bytes a line's fields are taken from: all but its final one
+    // (normally the line break), and a CR just before a final LF belongs to
+    // the line end too, so that an exported file ("\r\n") reads back as
+    // it was written.
+    static size_t examined_length(std::string_view line) {
+        size_t n = line.size();
+        if (n >= 2 && line[n - 2] == '\r' && line[n - 1] == '\n') return n - 2;
+        return n == 0 ? 0 : n - 1;
+    }
     // -1 selects the scratch buffer that swallows unused columns.
     void select(int field) {
         if (field < 0) {

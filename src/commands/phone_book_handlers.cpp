@@ -54,7 +54,9 @@ std::optional<std::string> CommandContext::next_field(size_t room) {
 }
 
 bool own_empty_file(const struct stat& st) {
-    return S_ISREG(st.st_mode) && st.st_size == 0 && st.st_nlink == 1 && st.st_uid == ::geteuid();
+    // Asked on every listing request; the daemon's user never changes.
+    static const uid_t self = ::geteuid();
+    return S_ISREG(st.st_mode) && st.st_size == 0 && st.st_nlink == 1 && st.st_uid == self;
 }
 
 FilePtr open_response_file(const std::string& path) {

@@ -6,6 +6,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstring>
 
 #include "common/trace.h"
@@ -37,7 +38,10 @@ Fd bind_unix_dgram(const std::string& path) {
     if (!fd) return fd;
     sockaddr_un a{};
     a.sun_family = AF_UNIX;
-    if (path.size() >= sizeof a.sun_path) return Fd();
+    if (path.size() >= sizeof a.sun_path) {
+        errno = ENAMETOOLONG;
+        return Fd();
+    }
     std::memcpy(a.sun_path, path.c_str(), path.size() + 1);
     ::unlink(path.c_str());
     if (::bind(fd.get(), reinterpret_cast<sockaddr*>(&a), sizeof a) != 0) return Fd();

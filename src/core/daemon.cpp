@@ -101,6 +101,7 @@ SmsGateway::~SmsGateway() = default;
 int SmsGateway::run() {
     if (!start_up()) return 0;
     start_waiting_on_select();
+    shut_down();
     return 0;
 }
 
@@ -134,7 +135,23 @@ bool SmsGateway::start_up() {
     queue_.repair_pending_file();
 
     install_child_handler();
+    log_startup_notice();
     return true;
+}
+
+// One line for the administrator: where the daemon works, which modems it
+// took and where it listens.
+void SmsGateway::log_startup_notice() const {
+    std::string modems = read_file(rt_.path("/var/run/wirelessmodems"), 4096).value_or("");
+    while (!modems.empty() && modems.back() == '\n') modems.pop_back();
+    for (size_t at; (at = modems.find('\n')) != std::string::npos;) modems.replace(at, 1, ", ");
+    const Ports& p = rt_.ports;
+    syslog(LOG_INFO,
+           "smsgwd %s started: root %s, %d modem%s (%s), ports: web %u, txrx %u/%u, "
+           "load balancer %u, settings %u",
+           SMSGW_VERSION, rt_.paths.is_default() ? "/" : rt_.paths.root().c_str(), rt_.no_of_modems,
+           rt_.no_of_modems == 1 ? "" : "s", modems.c_str(), p.gui(), p.txrx_in(), p.txrx_out(),
+           p.lb(), p.http());
 }
 
 void SmsGateway::start_waiting_on_select() {
@@ -148,6 +165,8 @@ void SmsGateway::start_waiting_on_select() {
         }
         timeval timeout{2, 0};
         int ready = ::select(maxfd_ + 1, &read_set, nullptr, nullptr, &timeout);
+        // Nothing new is started once a stop was asked for.
+        if (stop_requested()) return;
         apply_signals();
 
         if (rt_.job_outstanding == 0) queue_.create_job_from_pending_jobs(0);
@@ -173,7 +192,7 @@ void SmsGateway::apply_signals() {
     }
 }
 
-void SmsGateway::save_address_book_on_request() {
+bool SmsGateway::save_address_book_on_request() {
     const std::string marker = rt_.path("/var/run/save_flg_file");
     append_file(marker, "save_flag==1\n");
     std::string reply = parser_.parse_command("save-address-book ^|^");
@@ -181,6 +200,16 @@ void SmsGateway::save_address_book_on_request() {
     trace("save-address-book - %s\n", reply.c_str());
     parser_.release_token();
     remove_file(rt_.path("/var/run/save_flag_file"));
+    return reply == "SUCCESS";
+}
+
+// SIGTERM/SIGINT: the book is saved as SIGUSR1 saves it, so a restart
+// loads what was in memory, and no child outlives the daemon.
+void SmsGateway::shut_down() {
+    const bool saved = save_address_book_on_request();
+    txrx_.stop_children();
+    syslog(saved ? LOG_INFO : LOG_ERR, "stopped: the address book was %s in %s",
+           saved ? "saved" : "NOT saved", rt_.path("/var/AddressBook").c_str());
 }
 
 ssize_t SmsGateway::receive(int fd, void* buf, size_t len, int flags) {

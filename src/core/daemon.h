@@ -2,6 +2,9 @@
 // order, the start-up sequence and the main loop. main() creates one; an
 // integration test starts the real program instead.
 //
+// SIGTERM or SIGINT end the loop after its select: the address book is saved
+// as on SIGUSR1, the children are stopped and run() returns 0.
+//
 // Each pass of the loop (start_waiting_on_select):
 //   select (2 s) -> scheduler when no job is outstanding -> pending save
 //   (ends the pass) -> txrx check after a child exit -> one datagram per
@@ -35,17 +38,20 @@ class SmsGateway {
     SmsGateway(const SmsGateway&) = delete;
     SmsGateway& operator=(const SmsGateway&) = delete;
 
-    // Start-up, then the loop. 0 when an endpoint cannot be opened.
+    // Start-up, then the loop until SIGTERM or SIGINT, then the stop.
+    // 0 when an endpoint cannot be opened and after a stop.
     int run();
 
   private:
     enum class PassEnd { Continue, EndPass };
 
     bool start_up();
-    void start_waiting_on_select();
+    void log_startup_notice() const;
+    void start_waiting_on_select();  // returns when a stop was asked for
+    void shut_down();
 
     void apply_signals();
-    void save_address_book_on_request();
+    bool save_address_book_on_request();  // whether the save succeeded
     void handle_txrx_report();
     PassEnd handle_load_balancer();
     void handle_gui_request();

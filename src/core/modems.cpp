@@ -207,6 +207,23 @@ void TxrxSupervisor::track(pid_t pid) {
     if (pid > 0) children_.push_back(pid);
 }
 
+void TxrxSupervisor::stop_children(std::chrono::milliseconds grace) {
+    // What stays after the reap is alive and still ours: a pid that was
+    // reaped elsewhere may belong to someone else by now.
+    reap_exited(0);
+    for (pid_t child : children_) ::kill(child, SIGTERM);
+    const auto deadline = std::chrono::steady_clock::now() + grace;
+    while (!children_.empty() && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        reap_exited(0);
+    }
+    for (pid_t child : children_) {
+        ::kill(child, SIGKILL);
+        ::waitpid(child, nullptr, 0);
+    }
+    children_.clear();
+}
+
 void TxrxSupervisor::reap_exited(pid_t keep) {
     auto gone = [keep](pid_t child) {
         if (child == keep) return false;

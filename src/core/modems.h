@@ -8,6 +8,7 @@
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -55,6 +56,10 @@ class TxrxSupervisor {
 
     // Other children the daemon starts and does not wait for (time client).
     void track(pid_t pid);
+
+    // At the stop: SIGTERM to every child still running, SIGKILL to those
+    // that outlast `grace`; all are reaped.
+    void stop_children(std::chrono::milliseconds grace = std::chrono::seconds(3));
 
   private:
     void reap_exited(pid_t keep);

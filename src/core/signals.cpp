@@ -12,6 +12,7 @@ namespace {
 volatile sig_atomic_t g_save_request_flag = 0;
 volatile sig_atomic_t g_counter_reset = 0;
 volatile sig_atomic_t g_txrx_child_exited = 0;
+volatile sig_atomic_t g_stop_request = 0;
 
 void on_usr1(int) {
     g_save_request_flag = 1;
@@ -19,6 +20,10 @@ void on_usr1(int) {
 
 void on_usr2(int) {
     g_counter_reset = 1;
+}
+
+void on_stop(int) {
+    g_stop_request = 1;
 }
 
 void on_child(int sig) {
@@ -63,6 +68,8 @@ bool take(volatile sig_atomic_t& flag) {
 void install_user_signal_handlers() {
     install(SIGUSR1, on_usr1);
     install(SIGUSR2, on_usr2);
+    install(SIGTERM, on_stop);
+    install(SIGINT, on_stop);
 }
 
 void install_child_handler() {
@@ -84,6 +91,9 @@ bool take_counter_reset() {
 }
 bool take_child_exited() {
     return take(g_txrx_child_exited);
+}
+bool stop_requested() {
+    return g_stop_request != 0;
 }
 
 }  // namespace smsgw

@@ -3,7 +3,8 @@
 
 namespace smsgw {
 
-// SIGUSR1 (save the address book) and SIGUSR2 (reset the job counter).
+// SIGUSR1 (save the address book), SIGUSR2 (reset the job counter), and
+// SIGTERM/SIGINT (save, stop the children and end).
 void install_user_signal_handlers();
 // SIGCHLD: a child exited, so the loop checks txrx. Installed last at
 // start-up (exits during start-up go unreported) and again after a dial-out.
@@ -15,5 +16,7 @@ void ignore_child_signals();
 bool take_save_request();
 bool take_counter_reset();
 bool take_child_exited();
+// Whether a stop was asked for; stays set.
+bool stop_requested();
 
 }  // namespace smsgw

@@ -1,7 +1,9 @@
 #include "core/startup.h"
 
+#include <syslog.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 
@@ -30,6 +32,13 @@ void restore_archive(const std::string& dir, const std::string& archive,
     remove_file(full);
 }
 
+// The directories usually exist; when one cannot be made, the log says so
+// before the daemon fails further on for want of it.
+void make_daemon_dir(const std::string& dir) {
+    if (!make_dir(dir))
+        syslog(LOG_ERR, "cannot make directory %s: %s", dir.c_str(), std::strerror(errno));
+}
+
 std::string current_directory() {
     char buf[4096];
     return ::getcwd(buf, sizeof buf) ? std::string(buf) : std::string(".");
@@ -42,14 +51,17 @@ bool init_directories_and_files(const Runtime& rt) {
     // This archive is looked for in the daemon's own working directory.
     restore_archive(current_directory(), "Inbox.tar.gz", {"zxvf"});
 
-    make_dir(rt.path("/var/Inbox"));
+    make_daemon_dir(rt.path("/var/Inbox"));
     touch_file(rt.path("/var/Inbox/smsinbox.dat"));
-    make_dir(rt.path("/var/AddressBook"));
+    make_daemon_dir(rt.path("/var/AddressBook"));
     touch_file(rt.path("/var/AddressBook/Address_Book"));
     write_file(rt.path("/var/run/init_address_book"), "");
-    make_dir(rt.path("/var/Jobs"));
+    make_daemon_dir(rt.path("/var/Jobs"));
 
-    return ensure_sms_stats_file(rt);
+    if (ensure_sms_stats_file(rt)) return true;
+    syslog(LOG_ERR, "cannot create %s: %s", rt.path("/var/config/sms_stats_file").c_str(),
+           std::strerror(errno));
+    return false;
 }
 
 }  // namespace smsgw

@@ -347,6 +347,7 @@ bool Daemon::running() {
     pid_t r = ::waitpid(pid_, &status, WNOHANG);
     if (r == pid_) {
         pid_ = -1;
+        exit_status_ = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
         return false;
     }
     return true;

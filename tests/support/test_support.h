@@ -111,8 +111,10 @@ class Daemon {
     // Waits until the daemon answers a management command.
     bool wait_ready(std::chrono::milliseconds deadline = std::chrono::milliseconds(10000));
     void kill_now(int sig = 9);
-    bool running();
+    bool running();  // reaps the daemon once it has ended
     pid_t pid() const { return pid_; }
+    // Its exit status once running() saw it end; -1 before, or after a signal.
+    int exit_status() const { return exit_status_; }
     const std::string& root() const { return root_; }
     int offset() const { return offset_; }
     // Standard error captured so far.
@@ -122,6 +124,7 @@ class Daemon {
     std::string root_;
     int offset_;
     pid_t pid_ = -1;
+    int exit_status_ = -1;
     std::string err_path_;
 };
 

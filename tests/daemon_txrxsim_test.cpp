@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "send/sender.h"
+#include "formats/request_file.h"
 #include "support/test_support.h"
 
 namespace smsgw::test {
@@ -44,8 +44,8 @@ class TxrxSim : public DaemonFixture {
     }
     std::string send(const std::string& name, const std::string& numbers,
                      const std::string& groups = "") {
-        return ask("send-sms " + spool_file(name, build_request_file("admin", "hello " + name,
-                                                                     numbers, "", groups)));
+        return ask("send-sms " + spool_file(name, encode_request_file("admin", "hello " + name,
+                                                                      numbers, "", groups)));
     }
     std::string contacts() { return ask("get-sms total-entries phone_book^|^"); }
     std::string calls() const { return file("calls.log"); }
@@ -97,9 +97,16 @@ TEST_F(TxrxSim, LoopBackWithoutAStampSetsNow) {
     EXPECT_NE(inbox().find("^|^"), 4u) << inbox();
 }
 
-TEST_F(TxrxSim, BadLoopBackArgumentsLeaveTheInboxAlone) {
-    // No daemon: a refused call must not even write the inbox.
+TEST_F(TxrxSim, BadArgumentsAreRefusedAndWriteNothing) {
+    // No daemon: a refused call must not even write the inbox, and only a
+    // transceiver writes the pid file and the log.
     const std::vector<std::vector<std::string>> bad = {
+        {},
+        {"inject"},
+        {"inject", "+49"},
+        {"request"},
+        {"--bogus"},
+        {"/dev/ttyS0", "/dev/ttyS1"},
         {"loopback", "24/03/01"},                             // date without time
         {"loopback", "+49", "24/03/01", "12:05"},             // short time
         {"loopback", "+49", "2024/03/01 12:05:09+04"},        // four-digit year
@@ -112,8 +119,11 @@ TEST_F(TxrxSim, BadLoopBackArgumentsLeaveTheInboxAlone) {
         std::string joined;
         for (const auto& a : args) joined += a + " ";
         EXPECT_EQ(sim(args), 2) << joined;
+        EXPECT_EQ(file("sim.out").rfind("txrx-sim: ", 0), 0u) << joined;
         EXPECT_EQ(inbox(), "") << joined;
     }
+    EXPECT_FALSE(exists(path("var/run/txrx_pid_file")));
+    EXPECT_FALSE(exists(path("var/run/txrx-sim.log")));
     EXPECT_EQ(sim({"--help"}), 0);
     EXPECT_NE(file("sim.out").find("loopback [SENDER]"), std::string::npos);
 }

@@ -36,16 +36,21 @@
 #include <utility>
 #include <vector>
 
+#include "common/fileops.h"
+#include "common/text.h"
+#include "formats/inbox_record.h"
+#include "formats/job_file.h"
+#include "formats/txrx_datagram.h"
+#include "formats/txrx_report.h"
+
 namespace {
 
-constexpr size_t kTextField = 160;
-constexpr size_t kNumberRecord = 50;
 constexpr size_t kSenderField = 50;
 constexpr size_t kMaxJobFile = 16u << 20;
 
 int env_int(const char* name, int fallback) {
     const char* v = std::getenv(name);
-    return v && *v ? std::atoi(v) : fallback;
+    return v && *v ? smsgw::c_atoi(v) : fallback;
 }
 
 std::string root_path(const std::string& absolute) {
@@ -77,26 +82,15 @@ void log_line(const std::string& line) {
     log << line << '\n';
 }
 
-std::string until_nul(const char* p, size_t n) {
-    const void* nul = std::memchr(p, '\0', n);
-    return std::string(p, nul ? static_cast<size_t>(static_cast<const char*>(nul) - p) : n);
-}
-
 // "JOB <path> api=<0|1> text=<text> to=<numbers>" for a job file.
 std::string describe_job(const std::string& path, bool api) {
     std::string line = "JOB " + path + " api=" + (api ? "1" : "0");
-    std::ifstream in(path, std::ios::binary);
-    if (!in) return line + " unreadable";
-    std::string body;
-    char chunk[4096];
-    while (body.size() < kMaxJobFile && in.read(chunk, sizeof chunk).gcount() > 0)
-        body.append(chunk, static_cast<size_t>(in.gcount()));
-    if (body.size() < kTextField) return line + " short=" + std::to_string(body.size());
-    line += " text=" + until_nul(body.data(), kTextField) + " to=";
-    for (size_t off = kTextField; off + kNumberRecord <= body.size(); off += kNumberRecord) {
-        if (off > kTextField) line += ',';
-        line += until_nul(body.data() + off, kNumberRecord);
-    }
+    auto body = smsgw::read_file(path, kMaxJobFile);
+    if (!body) return line + " unreadable";
+    auto job = smsgw::decode_job_file(*body);
+    if (!job) return line + " short=" + std::to_string(body->size());
+    line += " text=" + job->text() + " to=";
+    for (size_t i = 0; i < job->numbers.size(); ++i) line += (i ? "," : "") + job->numbers[i];
     return line;
 }
 
@@ -124,26 +118,22 @@ int run_transceiver(const std::string& device) {
     for (;;) {
         ssize_t n = ::recv(fd, buf, sizeof buf, 0);
         if (n < 0) continue;
-        std::string text = until_nul(buf, static_cast<size_t>(n));
-        bool api = text.compare(0, 4, "api ") == 0;
-        std::string path = api ? text.substr(4) : text;
-        if (!path.empty() && path[0] == '/') {
-            log_line(describe_job(path, api));
-            if (silent) continue;
-            if (delay_ms > 0) std::this_thread::sleep_for(std::chrono::milliseconds(delay_ms));
-            send_datagram(fd, port(20206), "P_JB");
-        } else {
-            log_line("CTL " + text);
+        const smsgw::TxrxDatagram d =
+            smsgw::decode_txrx_datagram(std::string_view(buf, static_cast<size_t>(n)));
+        if (d.kind == smsgw::TxrxDatagram::Kind::Control) {
+            log_line("CTL " + d.text);
+            continue;
         }
+        log_line(describe_job(d.text, d.kind == smsgw::TxrxDatagram::Kind::ApiJob));
+        if (silent) continue;
+        if (delay_ms > 0) std::this_thread::sleep_for(std::chrono::milliseconds(delay_ms));
+        send_datagram(fd, port(20206), smsgw::encode_job_done_report());
     }
 }
 
 // One incoming-SMS report: tag, 50-byte NUL-padded sender, then the text.
 int inject(const std::string& sender, const std::string& text) {
-    std::string report = "SMS:";
-    std::string field = sender.substr(0, kSenderField - 1);
-    field.resize(kSenderField, '\0');
-    report += field + text;
+    const std::string report = smsgw::encode_incoming_report(sender, text);
     int fd = ::socket(AF_INET, SOCK_DGRAM, 0);
     if (fd < 0) return 1;
     send_datagram(fd, port(20206), report);
@@ -207,24 +197,16 @@ std::pair<std::string, std::string> now_stamp() {
     return {date, time};
 }
 
-bool append_inbox_record(const std::string& text) {
-    std::ofstream inbox(root_path("/var/Inbox/smsinbox.dat"), std::ios::app | std::ios::binary);
-    if (!inbox) return false;
-    // The length is a host-order 32-bit word, as the receiver writes it.
-    auto length = static_cast<uint32_t>(text.size());
-    inbox.write(reinterpret_cast<const char*>(&length), sizeof length);
-    inbox << text;
-    inbox.flush();
-    return static_cast<bool>(inbox);
-}
-
 // loopback [SENDER] [STAMP]: STAMP is "yy/MM/dd hh:mm:ss+zz" as one
 // argument or as two.
 int loopback(const std::vector<std::string>& args) {
     std::string sender = kDefaultLoopBackSender;
-    size_t next = 0;
-    if (next < args.size() && !valid_date_stamp(args[next].substr(0, 8))) sender = args[next++];
-    std::vector<std::string> stamp(args.begin() + static_cast<std::ptrdiff_t>(next), args.end());
+    std::vector<std::string> stamp = args;
+    if (!stamp.empty() && !valid_date_stamp(stamp.front().substr(0, 8))) {
+        sender = stamp.front();
+        stamp.erase(stamp.begin());
+    }
+    const bool no_stamp = stamp.empty();
     if (stamp.size() == 1) {
         size_t blank = stamp[0].find(' ');
         if (blank == std::string::npos)
@@ -233,7 +215,7 @@ int loopback(const std::vector<std::string>& args) {
             stamp = {stamp[0].substr(0, blank), stamp[0].substr(blank + 1)};
     }
     std::pair<std::string, std::string> when;
-    if (stamp.empty() && next == args.size()) {
+    if (no_stamp) {
         when = now_stamp();
     } else if (stamp.size() == 2 && valid_date_stamp(stamp[0]) && valid_time_stamp(stamp[1])) {
         when = {stamp[0], stamp[1]};
@@ -247,20 +229,22 @@ int loopback(const std::vector<std::string>& args) {
                   << " characters without \"^|^\"\n";
         return 2;
     }
-    std::string record = sender + "^|^" + when.first + "^|^" + when.second + "^|^" + kLoopBackText;
-    if (!append_inbox_record(record)) {
+    const std::string record =
+        smsgw::encode_inbox_record(sender, when.first, when.second, kLoopBackText);
+    if (!smsgw::append_file(root_path("/var/Inbox/smsinbox.dat"), record)) {
         std::cerr << "txrx-sim: cannot append to " << root_path("/var/Inbox/smsinbox.dat") << '\n';
         return 1;
     }
     return inject(sender, kLoopBackText);
 }
 
-void usage(std::ostream& out) {
+void usage(std::ostream& out, bool full) {
     out << "usage: txrx-sim DEVICE\n"
            "       txrx-sim inject SENDER TEXT\n"
            "       txrx-sim request TEXT\n"
-           "       txrx-sim loopback [SENDER] [yy/MM/dd hh:mm:ss+zz]\n"
-           "\n"
+           "       txrx-sim loopback [SENDER] [yy/MM/dd hh:mm:ss+zz]\n";
+    if (!full) return;
+    out << "\n"
            "  DEVICE     run as the daemon's txrx child: log START/JOB/CTL lines to\n"
            "             $SMSGW_ROOT/var/run/txrx-sim.log (every job with all its\n"
            "             recipients) and answer each job with \"P_JB\"\n"
@@ -276,20 +260,32 @@ void usage(std::ostream& out) {
            "  SMSGW_SIM_SILENT=1 (never answer: a modem that hangs)\n";
 }
 
+// A command line that fits none of the forms: what is wrong, the forms,
+// and status 2. Nothing is written and no transceiver is started.
+int refuse(const std::string& why) {
+    std::cerr << "txrx-sim: " << why << "\n";
+    usage(std::cerr, false);
+    return 2;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
-    std::vector<std::string> args(argv + 1, argv + argc);
-    if (!args.empty() && (args[0] == "--help" || args[0] == "-h")) {
-        usage(std::cout);
+    const std::vector<std::string> args(argv + 1, argv + argc);
+    if (args.empty()) return refuse("a DEVICE or a command is needed");
+    const std::string& first = args[0];
+    if (first == "--help" || first == "-h") {
+        usage(std::cout, true);
         return 0;
     }
-    if (args.size() == 3 && args[0] == "inject") return inject(args[1], args[2]);
-    if (args.size() == 2 && args[0] == "request") return request(args[1]);
-    if (!args.empty() && args.size() <= 4 && args[0] == "loopback")
-        return loopback(std::vector<std::string>(args.begin() + 1, args.end()));
-    if (args.size() == 1 && !args[0].empty() && args[0][0] != '-' && args[0] != "loopback")
-        return run_transceiver(args[0]);
-    usage(std::cerr);
-    return 2;
+    if (first == "inject")
+        return args.size() == 3 ? inject(args[1], args[2]) : refuse("inject needs SENDER and TEXT");
+    if (first == "request")
+        return args.size() == 2 ? request(args[1]) : refuse("request needs one TEXT");
+    if (first == "loopback")
+        return args.size() <= 4 ? loopback(std::vector<std::string>(args.begin() + 1, args.end()))
+                                : refuse("loopback takes at most SENDER and a stamp");
+    if (first.empty() || first[0] == '-') return refuse("unknown option '" + first + "'");
+    if (args.size() != 1) return refuse("a transceiver takes one DEVICE");
+    return run_transceiver(first);
 }

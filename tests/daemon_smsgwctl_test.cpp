@@ -1,58 +1,51 @@
-// smsgwctl end to end: the command texts it puts on the wire (checked
-// against a fake daemon on the web-interface port), how it shows replies and
-// response files, its exit codes, the request files it writes, the status
-// report, and a session against the real daemon.
-#include <dirent.h>
+// smsgwctl end to end: the command texts it puts on the wire and the
+// checks around them (against a scripted fake daemon on the web-interface
+// port), its exit statuses and messages, what it prints, the files it
+// writes, reads and leaves behind, and sessions against the real daemon.
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <chrono>
-#include <cstdint>
-#include <cstring>
+#include <ctime>
+#include <functional>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
-#include "common/bytes.h"
-#include "send/sender.h"
+#include "common/fileops.h"
+#include "formats/job_header.h"
+#include "formats/job_stats.h"
+#include "formats/outbox_record.h"
+#include "formats/position_table.h"
+#include "formats/request_file.h"
 #include "support/test_support.h"
 
 namespace smsgw::test {
 namespace {
 
 using namespace std::chrono_literals;
+using Args = std::vector<std::string>;
 
 struct CtlResult {
     int status = -1;  // exit status, -1 when it did not exit normally in time
-    std::string out;
-    std::string err;
+    std::string out, err;
 };
 
-// smsgwctl on the sandbox root and port offset.
-class CtlFixture : public DaemonFixture {
-  protected:
-    // Started in the background, so a fake daemon can answer it.
-    std::unique_ptr<Child> spawn(const std::vector<std::string>& args, bool json = false) {
-        std::vector<std::string> argv = exec_prefix();
-        argv.insert(argv.end(), {SMSGWCTL_PATH, "--root", root_.path(), "--port-offset",
-                                 std::to_string(offset_)});
-        if (json) argv.push_back("--json");
-        argv.insert(argv.end(), args.begin(), args.end());
-        return std::make_unique<Child>(argv, path("ctl.out"), path("ctl.err"));
-    }
-    CtlResult finish(Child& ctl) {
-        int status = ctl.finish();
-        return {status, file("ctl.out"), file("ctl.err")};
-    }
-    CtlResult ctl(const std::vector<std::string>& args, bool json = false) {
-        return finish(*spawn(args, json));
-    }
+// One exchange with the fake daemon: the request it must receive, the
+// response file it writes (when given), its reply.
+struct Step {
+    std::string request, reply;
+    std::optional<std::string> file = std::nullopt;
 };
 
-// The web-interface port without a daemon behind it: records the framed
-// request and answers with a scripted reply.
-class CtlTest : public CtlFixture {
+const std::string S = "SUCCESS";
+const std::string RF = "/var/run/RESPONSE_FILE";  // as a daemon without a root names it
+const std::string kNoMembers = "17^|^MAX_ELEMENTS=0";
+
+class CtlTest : public DaemonFixture {
   protected:
     void SetUp() override {
         // Retry on a port clash with a test running at the same time.
@@ -62,209 +55,155 @@ class CtlTest : public CtlFixture {
         }
         ASSERT_TRUE(fake_->ok());
     }
+    std::unique_ptr<Child> spawn(const Args& args, const std::vector<std::string>& env = {},
+                                 bool with_root = true) {
+        Args argv = exec_prefix();
+        argv.push_back(SMSGWCTL_PATH);
+        if (with_root)
+            argv.insert(argv.end(),
+                        {"--root", root_.path(), "--port-offset", std::to_string(offset_)});
+        argv.insert(argv.end(), args.begin(), args.end());
+        return std::make_unique<Child>(argv, path("ctl.out"), path("ctl.err"), env);
+    }
+    CtlResult finish(Child& ctl) {
+        int status = ctl.finish();
+        return {status, file("ctl.out"), file("ctl.err")};
+    }
+    CtlResult ctl(const Args& args) { return finish(*spawn(args)); }
     // The request text, after checking that the length datagram matches it.
     std::optional<std::string> take() {
         auto len = fake_->receive(10s);
-        auto text = fake_->receive(10s);
-        if (!len || !text) return std::nullopt;
-        EXPECT_EQ(*len, std::to_string(text->size())) << "length datagram of " << *text;
+        auto text = len ? fake_->receive(10s) : std::nullopt;
+        EXPECT_TRUE(!text || *len == std::to_string(text->size())) << *text;
         return text;
     }
-    // Runs smsgwctl with the arguments; the fake daemon answers `reply`
-    // after optionally writing the response file. The request text it
-    // received is stored in `sent`.
-    CtlResult exchange(const std::vector<std::string>& args, const std::string& reply,
-                       const std::optional<std::string>& response_file = std::nullopt,
-                       bool json = false) {
-        auto child = spawn(args, json);
-        auto text = take();
-        sent = text.value_or("<nothing received>");
-        if (response_file) write_file(response_path(), *response_file);
-        if (text) fake_->reply(reply);
+    // Runs smsgwctl and plays the daemon's part of `steps`; `between` runs
+    // after each request was taken, before the reply.
+    CtlResult play(const Args& args, const std::vector<Step>& steps,
+                   const std::function<void(const std::string&)>& between = {}) {
+        auto child = spawn(args);
+        for (const auto& s : steps) {
+            auto text = take();
+            EXPECT_TRUE(s.request.empty() || text == s.request) << text.value_or("<nothing>");
+            if (!text) break;
+            if (s.file) write_file(path("var/run/RESPONSE_FILE"), *s.file);
+            if (between) between(*text);
+            fake_->reply(s.reply);
+        }
         return finish(*child);
     }
-    std::string response_path() const { return path("var/run/RESPONSE_FILE"); }
+    // The request files smsgwctl left in the spool.
+    std::set<std::string> spool() const {
+        std::set<std::string> left;
+        for (const auto& f : tree_below(path("tmp")))
+            if (f.rfind("smsgwctl-", 0) == 0) left.insert(f);
+        return left;
+    }
 
     std::optional<UdpListener> fake_;
-    std::string sent;
 };
 
-// ------------------------------------------------------------ command texts
+// What smsgwctl shows: a fragment of standard output after a success, of
+// standard error otherwise.
+void expect_shown(const CtlResult& r, int status, const std::string& shown) {
+    EXPECT_EQ(r.status, status) << r.out << r.err;
+    const std::string& where = status == 0 ? r.out : r.err;
+    EXPECT_NE(where.find(shown), std::string::npos) << "'" << shown << "' not in:\n" << where;
+}
 
-struct WireCase {
-    std::vector<std::string> args;
-    std::string text;   // what the daemon must receive
-    std::string reply;  // what the fake answers
+struct Case {
+    Args args;
+    std::vector<Step> steps;
     int status;
+    std::string shown;
 };
 
-TEST_F(CtlTest, EachVerbSendsTheExactCommandText) {
-    const std::string S = "SUCCESS", I = "Invalid String to Parse";
+TEST_F(CtlTest, EachVerbSendsItsTextsAndTellsWhatHappened) {
+    const Step g1{"get-sms group G1^|^1^|^", RF, kNoMembers};  // G1 exists
+    const Step no_g1{"get-sms group G1^|^1^|^", S};            // it does not
+    const Step ann{"get-sms phone_number 1^|^", RF, "Ann^|^1^|^home^|^\n"};
+    const Step nobody{"get-sms phone_number 1^|^", "ERROR"};
+    const Step ann_in_g{"get-sms group G^|^1^|^", RF,
+                        rec("^|^Ann^|^1^|^^|^") + "17^|^MAX_ELEMENTS=1"};
+    const Step g_empty{"get-sms group G^|^1^|^", RF, kNoMembers};
     // clang-format off
-    const std::vector<WireCase> cases = {
-        {{"raw", "get-sms total-entries groups^|^"}, "get-sms total-entries groups^|^", "3", 0},
-        {{"contacts", "count"}, "get-sms total-entries phone_book^|^", "12", 0},
-        {{"contacts", "add", "Ann Lee", "+4912"}, "add-sms phone_book Ann Lee^|^+4912^|^^|^", S, 0},
-        {{"contacts", "add", "Ann", "1", "home", "--group", "G1", "--group", "G 2"},
-         "add-sms phone_book Ann^|^1^|^home^|^G1^|^G 2^|^", S, 0},
-        {{"contacts", "del", "Ann", "1"}, "del-sms phone_book Ann^|^1^|^", S, 0},
+    const std::vector<Case> cases = {
+        {{"contacts", "count"}, {{"get-sms total-entries phone_book^|^", "12"}}, 0, "12\n"},
+        {{"contacts", "count"}, {{"get-sms total-entries phone_book^|^", "xyz"}}, 5, "unexpected answer"},
+        {{"contacts", "add", "Ann Lee", "+4912"}, {{"add-sms phone_book Ann Lee^|^+4912^|^^|^", S}}, 0,
+         "added 'Ann Lee' (+4912)\n"},
+        {{"contacts", "add", "Ann", "1", "home", "--group", "G1"},
+         {g1, {"add-sms phone_book Ann^|^1^|^home^|^G1^|^", S}}, 0, "added"},
+        // A missing group would be reported only after the contact was added.
+        {{"contacts", "add", "Ann", "1", "--group", "G1"}, {no_g1}, 1, "no such group: 'G1'"},
+        {{"contacts", "add", "Ann", "1"}, {{"add-sms phone_book Ann^|^1^|^^|^", "Duplicate Entry Exists."}}, 1,
+         "the contact already has this number (smsgwd answered \"Duplicate Entry Exists.\")"},
+        {{"contacts", "del", "Ann", "1"}, {ann, {"del-sms phone_book Ann^|^1^|^", S}, nobody}, 0, "deleted"},
+        // The daemon answers "SUCCESS" (and miscounts) for a number the contact lacks.
+        {{"contacts", "del", "Ann", "1"}, {nobody}, 1, "no contact 'Ann' (1)"},
         {{"contacts", "edit", "Ann", "1", "Bob", "2"},
-         "edit-sms phone_book Ann^|^1^|^Bob^|^2^|^^|^", S, 0},
-        {{"contacts", "edit", "Ann", "1", "Ann", "1", "new desc"},
-         "edit-sms phone_book Ann^|^1^|^Ann^|^1^|^new desc^|^", S, 0},
-        {{"groups", "count"}, "get-sms total-entries groups^|^", "0", 0},
-        {{"groups", "add", "Friends"}, "add-sms groups Friends^|^[null]^|^", S, 0},
-        {{"groups", "add", "Friends", "Ann", "1", "Bob", "2"},
-         "add-sms groups Friends^|^Ann^|^1^|^Bob^|^2^|^[null]^|^", S, 0},
-        // Deleting groups answers "ERROR" by design; that is the success.
-        {{"groups", "del", "A", "B"}, "del-sms groups A^|^B^|^", "ERROR", 0},
-        // A rename answers with the parser's default text.
-        {{"groups", "rename", "A", "B"}, "edit-sms groups A^|^B^|^", I, 0},
-        {{"groups", "add-member", "G", "Ann", "1"}, "add-sms group G^|^Ann^|^1^|^", I, 0},
-        {{"groups", "del-member", "G", "Ann", "1", "Bob", "2"},
-         "del-sms group G^|^Ann^|^1^|^Bob^|^2^|^", S, 0},
-        {{"triggers", "add", "broadcast", "MEET", "at 5", "--group", "G1", "--group", "G2",
-          "--auth", "YES", "--allow", "Ann", "1"},
-         "add-sms trigger sms MEET^|^at 5^|^G1]|[G2]|[^|^YES^|^Ann]|[1]|[^|^", S, 0},
-        {{"triggers", "add", "sms", "K", "t"},
-         "add-sms trigger sms K^|^t^|^[null]]|[^|^NO^|^[null]]|[^|^", S, 0},
-        {{"triggers", "add", "preconf", "hello"},
-         "add-sms trigger preconf_sms hello^|^[null]]|[^|^", S, 0},
+         {ann, {"edit-sms phone_book Ann^|^1^|^Bob^|^2^|^home^|^", S},
+          {"get-sms phone_number 2^|^", RF, "Bob^|^2^|^home^|^\n"}, nobody}, 0, "changed 'Ann' (1) to 'Bob' (2)"},
+        // "SUCCESS" although nothing changed: the book tells.
+        {{"contacts", "edit", "Ann", "1", "Bob", "2", "x"},
+         {ann, {"edit-sms phone_book Ann^|^1^|^Bob^|^2^|^x^|^", S}, {"get-sms phone_number 2^|^", "ERROR"}}, 1,
+         "was not changed"},
+        {{"contacts", "find-number", "1"}, {nobody}, 1, "no contact has the number 1"},
+        {{"contacts", "list", "--prefix", "Zz"}, {{"get-sms phone_book Zz^|^1^|^", "ERROR:Search is Unsuccesful."}},
+         1, "no contact name begins with 'Zz'"},
+        {{"contacts", "list", "--page", "3"}, {{"get-sms phone_book 21^|^", RF, kNoMembers}}, 0, "0 shown from 21"},
+        {{"groups", "list", "--page", "2"}, {{"get-sms groups 11^|^", RF, "MAX_ELEMENTS=0\n"}}, 0, "0 groups"},
+        {{"groups", "members", "G1"}, {no_g1}, 1, "no such group: 'G1'"},
+        {{"groups", "add", "Friends", "Ann", "1"},
+         {ann, {"add-sms groups Friends^|^Ann^|^1^|^[null]^|^", S}, {"get-sms group Friends^|^1^|^", RF, kNoMembers}},
+         0, "created the group 'Friends' with 1 member"},
+        {{"groups", "add", "Friends", "Ann", "1"}, {nobody}, 1, "no contact 'Ann' (1)"},
+        // A deletion answers "ERROR" whatever it did.
+        {{"groups", "del", "G1"}, {g1, {"del-sms groups G1^|^", "ERROR"}, no_g1}, 0, "deleted 'G1'"},
+        {{"groups", "del", "G1"}, {g1, {"del-sms groups G1^|^", "ERROR"}, g1}, 1, "'G1' was not deleted"},
+        {{"groups", "del", "G1"}, {no_g1}, 1, "no such group"},
+        // A rename answers "Invalid String to Parse" when it worked.
+        {{"groups", "rename", "G1", "B"},
+         {g1, {"edit-sms groups G1^|^B^|^", "Invalid String to Parse"}, {"get-sms group B^|^1^|^", RF, kNoMembers},
+          no_g1}, 0, "renamed the group 'G1' to 'B'"},
+        {{"groups", "rename", "G1", "B"},
+         {g1, {"edit-sms groups G1^|^B^|^", "Invalid String to Parse"}, {"get-sms group B^|^1^|^", S}}, 1,
+         "was not renamed"},
+        {{"groups", "add-member", "G", "Ann", "1"},
+         {g_empty, ann, g_empty, {"add-sms group G^|^Ann^|^1^|^", S}, ann_in_g}, 0, "added 1 member to 'G'"},
+        {{"groups", "add-member", "G", "Ann", "1"}, {g_empty, ann, g_empty, {"add-sms group G^|^Ann^|^1^|^", "ERROR"},
+         g_empty}, 1, "'Ann' (1) was not added to 'G'"},
+        {{"groups", "del-member", "G", "Ann", "1"},
+         {g_empty, ann_in_g, {"del-sms group G^|^Ann^|^1^|^", S}, g_empty}, 0, "removed 1 member"},
+        {{"groups", "del-member", "G", "Ann", "1"}, {g_empty, g_empty}, 1, "'Ann' (1) is not in the group 'G'"},
         {{"triggers", "add", "ctrl", "Delete a Group", "DG", "--auth", "YES"},
-         "edit-sms trigger ctrl_data Delete a Group^|^DG^|^YES^|^", S, 0},
-        {{"triggers", "add", "auth", "Ann", "1", "Bob", "2"},
-         "add-sms trigger auth-list Ann^|^1^|^Bob^|^2^|^", S, 0},
-        {{"triggers", "del", "broadcast", "2"}, "del-sms trigger sms 2^|^", S, 0},
-        {{"triggers", "del", "preconf", "1"}, "del-sms trigger preconf_sms 1^|^", "ERROR", 1},
-        {{"triggers", "del", "auth", "Ann", "1"}, "del-sms trigger auth-list Ann^|^1^|^", S, 0},
-        {{"save"}, "save-address-book ^|^", S, 0},
-        {{"save"}, "save-address-book ^|^", "ERROR", 1},
-        // Failure texts that do not start with "ERROR" are failures too.
-        {{"contacts", "add", "Ann", "1"}, "add-sms phone_book Ann^|^1^|^^|^",
-         "Duplicate Entry Exists.", 1},
-        {{"triggers", "add", "auth", "Ann", "1"}, "add-sms trigger auth-list Ann^|^1^|^",
-         "Authenticate user already exists.", 1},
-        {{"groups", "rename", "X", "Y"}, "edit-sms groups X^|^Y^|^",
-         "ERROR:Group Doesnot Exist", 1},
+         {{"edit-sms trigger ctrl_data Delete a Group^|^DG^|^YES^|^", S},
+          {"get-sms trigger ctrl_data^|^", "/var/config/trigger_ctrl"}}, 0, "set the keyword of DELGROUP to 'DG'"},
+        // A hundredth preconfigured message is answered "SUCCESS" and dropped.
+        {{"triggers", "add", "preconf", "hi"}, {{"add-sms trigger preconf_sms hi^|^[null]]|[^|^", S},
+         {"get-sms trigger preconf_sms^|^", "/var/config/preconf_sms"}}, 1, "the list holds at most 100"},
+        {{"triggers", "del", "preconf", "2"}, {{"del-sms trigger preconf_sms 2^|^", "ERROR"}}, 1,
+         "there is no record 2 in the preconf list"},
+        {{"triggers", "del", "auth", "Ann", "1"}, {{"get-sms trigger auth-list^|^", "/var/config/authenticate_list"}},
+         1, "'Ann' (1) is not an authenticated user"},
+        {{"save"}, {{"save-address-book ^|^", "ERROR"}}, 1, "the address book could not be written"},
+        {{"raw", "get-sms total-entries groups^|^"}, {{"get-sms total-entries groups^|^", "3"}}, 0, "3\n"},
+        {{"raw", "bogus"}, {{"bogus", "ERROR"}}, 1, "refused"},
+        {{"--json", "contacts", "find-number", "1"}, {nobody}, 1, "no contact has the number 1"},
     };
     // clang-format on
+    write_file(path("var/config/trigger_ctrl"), rec("^|^DG^|^DELGROUP^|^YES^|^"));
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.text + " -> " + c.reply);
-        CtlResult r = exchange(c.args, c.reply);
-        EXPECT_EQ(sent, c.text);
-        EXPECT_EQ(r.status, c.status) << r.err;
-        if (c.status == 0) {
-            EXPECT_EQ(r.out, c.reply + "\n");
-        } else {
-            EXPECT_EQ(r.out, "");
-            EXPECT_NE(r.err.find(c.reply), std::string::npos) << r.err;
-        }
+        SCOPED_TRACE(c.args[0] + " " + c.args[1] + (c.args.size() > 2 ? " " + c.args[2] : ""));
+        expect_shown(play(c.args, c.steps), c.status, c.shown);
     }
+    // The JSON error object, and the rule record that answered the ctrl case.
+    EXPECT_EQ(file("ctl.out"),
+              "{\"ok\":false,\"exit_status\":1,\"error\":\"no contact has the number "
+              "1\",\"reply\":\"ERROR\"}\n");
 }
 
-TEST_F(CtlTest, ListingRequestsCarryPrefixAndPageStart) {
-    const std::string empty_page = "17^|^MAX_ELEMENTS=0";
-    struct Case {
-        std::vector<std::string> args;
-        std::string text;
-    };
-    const std::vector<Case> cases = {
-        {{"contacts", "list"}, "get-sms phone_book 1^|^"},
-        {{"contacts", "list", "--page", "3"}, "get-sms phone_book 21^|^"},
-        {{"contacts", "list", "--prefix", "Jo", "--page", "2"}, "get-sms phone_book Jo^|^11^|^"},
-        {{"groups", "members", "Team A", "--page", "2"}, "get-sms group Team A^|^11^|^"},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.text);
-        CtlResult r = exchange(c.args, response_path(), empty_page);
-        EXPECT_EQ(sent, c.text);
-        EXPECT_EQ(r.status, 0) << r.err;
-    }
-    CtlResult r = exchange({"groups", "list", "--page", "2"}, response_path(), "MAX_ELEMENTS=0\n");
-    EXPECT_EQ(sent, "get-sms groups 11^|^");
-    EXPECT_EQ(r.status, 0) << r.err;
-}
-
-TEST_F(CtlTest, FieldsThatWouldBreakTheFramingAreRefusedLocally) {
-    const std::vector<std::vector<std::string>> bad = {
-        {"contacts", "add", "A^|^B", "1"},
-        {"groups", "add", "G", "Ann"},  // members come in pairs
-        {"triggers", "add", "broadcast", "K", "t", "--group", "x]|[y"},
-        {"triggers", "add", "broadcast", "K", "t", "--auth", "maybe"},
-        {"triggers", "del", "ctrl", "1"},
-        {"triggers", "del", "broadcast", "zero"},
-        {"contacts", "list", "--page", "0"},
-        {"contacts", "frobnicate"},
-        {"import-csv", "/nonexistent", "--columns", "1,2,3"},
-        {"send", "hello"},  // no recipient
-        {"send", "--to", "1", std::string(160, 'x')},
-        {"nonsense"},
-        {},
-    };
-    for (const auto& args : bad) {
-        CtlResult r = ctl(args);
-        SCOPED_TRACE(r.err);
-        EXPECT_EQ(r.status, 2);
-        EXPECT_NE(r.err.find("usage:"), std::string::npos);
-    }
-}
-
-// --------------------------------------------------------- exit statuses
-
-TEST_F(CtlTest, NoAnswerWithinTheTimeoutNamesThePort) {
-    int port = 20205 + offset_;
-    fake_.reset();  // nobody listens any more
-    auto start = std::chrono::steady_clock::now();
-    CtlResult r = ctl({"--timeout", "1", "contacts", "count"});
-    EXPECT_EQ(r.status, 2);
-    EXPECT_NE(r.err.find("127.0.0.1:" + std::to_string(port)), std::string::npos) << r.err;
-    EXPECT_GE(std::chrono::steady_clock::now() - start, 900ms);
-}
-
-TEST_F(CtlTest, ErrorRepliesExitWithOneAndShowTheMessage) {
-    CtlResult r = exchange({"contacts", "list", "--prefix", "Zz"}, "ERROR:Search is Unsuccesful.");
-    EXPECT_EQ(r.status, 1);
-    EXPECT_EQ(r.out, "");
-    EXPECT_NE(r.err.find("ERROR:Search is Unsuccesful."), std::string::npos);
-
-    r = exchange({"raw", "bogus words"}, "ERROR");
-    EXPECT_EQ(r.status, 1);
-    EXPECT_EQ(r.out, "ERROR\n");
-
-    r = exchange({"contacts", "find-number", "999"}, "ERROR", std::nullopt, true);
-    EXPECT_EQ(sent, "get-sms phone_number 999^|^");
-    EXPECT_EQ(r.status, 1);
-    EXPECT_EQ(r.out, "{\"ok\":false,\"reply\":\"ERROR\"}\n");
-
-    // A missing group is answered with "SUCCESS" and an empty trailer.
-    r = exchange({"groups", "members", "Nope"}, "SUCCESS", "17^|^MAX_ELEMENTS=0");
-    EXPECT_EQ(r.status, 1);
-    EXPECT_NE(r.err.find("no such group: Nope"), std::string::npos) << r.err;
-}
-
-// ------------------------------------------------------ listing display
-
-const std::string kTwoContacts =
-    "18^|^Ann^|^123^|^^|^30^|^Bob Stone^|^+4911^|^work^|^18^|^MAX_ELEMENTS=42";
-
-TEST_F(CtlTest, ContactListingAsTableAndJson) {
-    CtlResult r = exchange({"contacts", "list"}, response_path(), kTwoContacts);
-    ASSERT_EQ(r.status, 0) << r.err;
-    EXPECT_EQ(r.out,
-              "NAME       NUMBER  DESCRIPTION\n"
-              "Ann        123\n"
-              "Bob Stone  +4911   work\n"
-              "2 shown from 1, 42 in all\n");
-
-    r = exchange({"contacts", "list", "--page", "2"}, response_path(), kTwoContacts, true);
-    ASSERT_EQ(r.status, 0) << r.err;
-    EXPECT_EQ(r.out,
-              "{\"start\":11,\"total\":42,\"contacts\":["
-              "{\"name\":\"Ann\",\"number\":\"123\",\"description\":\"\"},"
-              "{\"name\":\"Bob Stone\",\"number\":\"+4911\",\"description\":\"work\"}]}\n");
-}
-
-TEST_F(CtlTest, DamagedListingsNeverCrashAndExitOne) {
+TEST_F(CtlTest, DamagedListingsAndGarbageAreStatusFive) {
     const std::vector<std::string> damaged = {
         "99999999999999999999^|^Ann^|^1^|^^|^",  // length far beyond the data
         "40^|^Ann^|^1^|^^|^",                    // length past the end
@@ -276,288 +215,330 @@ TEST_F(CtlTest, DamagedListingsNeverCrashAndExitOne) {
     };
     for (const auto& d : damaged) {
         SCOPED_TRACE(d);
-        CtlResult r = exchange({"contacts", "list"}, response_path(), d, true);
-        EXPECT_EQ(r.status, 1);
-        EXPECT_NE(r.err.find("malformed"), std::string::npos) << r.err;
+        expect_shown(play({"contacts", "list"}, {{"get-sms phone_book 1^|^", RF, d}}), 5,
+                     "is damaged");
     }
+    // A listing reply that names some other file is not followed.
+    expect_shown(play({"contacts", "list"}, {{"get-sms phone_book 1^|^", "/etc/passwd"}}), 5,
+                 "unexpected answer from smsgwd: cannot list the contacts (smsgwd answered "
+                 "\"/etc/passwd\")");
 }
 
-TEST_F(CtlTest, GroupListingAndNumberSearch) {
-    CtlResult r = exchange({"groups", "list"}, response_path(),
-                           "Friends\nTeam \"A\"\nMAX_ELEMENTS=2\n", true);
-    ASSERT_EQ(r.status, 0) << r.err;
-    EXPECT_EQ(r.out, "{\"start\":1,\"total\":2,\"groups\":[\"Friends\",\"Team \\\"A\\\"\"]}\n");
-
-    r = exchange({"contacts", "find-number", "123"}, response_path(),
-                 "Ann^|^123^|^home^|^\nANN^|^123^|^^|^\n");
-    ASSERT_EQ(r.status, 0) << r.err;
-    EXPECT_EQ(r.out,
-              "NAME  NUMBER  DESCRIPTION\n"
-              "Ann   123     home\n"
-              "ANN   123\n");
-}
-
-TEST_F(CtlTest, RawPrintsTheResponseFileItNames) {
-    CtlResult r = exchange({"raw", "get-sms groups 1^|^"}, response_path(), "G\nMAX_ELEMENTS=1\n");
-    EXPECT_EQ(r.status, 0);
-    EXPECT_EQ(r.out, "G\nMAX_ELEMENTS=1\n");
-    // Peers that name the file without the root are understood as well.
-    r = exchange({"raw", "get-sms groups 1^|^"}, "/var/run/RESPONSE_FILE", "H\nMAX_ELEMENTS=1\n",
-                 true);
-    EXPECT_EQ(r.status, 0);
-    EXPECT_EQ(
-        r.out,
-        "{\"ok\":true,\"reply\":\"/var/run/RESPONSE_FILE\",\"file\":\"H\\nMAX_ELEMENTS=1\\n\"}"
-        "\n");
-}
-
-TEST_F(CtlTest, RuleListsAreReadFromTheFileTheDaemonNames) {
-    const std::string rules = path("var/config/trigger_broadcast");
-    write_file(rules, rec("^|^MEET^|^at 5^|^G1]|[G2]|[^|^YES^|^Ann]|[1]|[Bob]|[2]|[^|^") +
-                          rec("^|^K^|^t^|^[null]]|[^|^NO^|^[null]]|[^|^"));
-    CtlResult r = exchange({"triggers", "list", "broadcast"}, rules);
-    EXPECT_EQ(sent, "get-sms trigger sms^|^");
-    ASSERT_EQ(r.status, 0) << r.err;
-    EXPECT_EQ(r.out,
-              "INDEX  KEYWORD  TEXT  GROUPS  AUTH  ALLOWED\n"
-              "1      MEET     at 5  G1,G2   YES   Ann <1>,Bob <2>\n"
-              "2      K        t     -       NO    -\n");
-
-    r = exchange({"triggers", "list", "broadcast"}, rules, std::nullopt, true);
-    ASSERT_EQ(r.status, 0) << r.err;
-    EXPECT_EQ(r.out,
-              "{\"list\":\"broadcast\",\"records\":["
-              "{\"index\":1,\"keyword\":\"MEET\",\"text\":\"at 5\",\"groups\":[\"G1\",\"G2\"],"
-              "\"auth\":\"YES\",\"allowed\":[{\"name\":\"Ann\",\"number\":\"1\"},"
-              "{\"name\":\"Bob\",\"number\":\"2\"}]},"
-              "{\"index\":2,\"keyword\":\"K\",\"text\":\"t\",\"groups\":[],\"auth\":\"NO\","
-              "\"allowed\":[]}]}\n");
-
-    write_file(path("var/config/authenticate_list"), "15^|^Ann^|^+49^|^99^|^cut short");
-    r = exchange({"triggers", "list", "auth"}, "/var/config/authenticate_list");
-    EXPECT_EQ(sent, "get-sms trigger auth-list^|^");
-    EXPECT_EQ(r.status, 1);
-    EXPECT_EQ(r.out, "INDEX  NAME  NUMBER\n1      Ann   +49\n");
-    EXPECT_NE(r.err.find("malformed"), std::string::npos);
-}
-
-// ------------------------------------------------------------ files
-
-TEST_F(CtlTest, SendWritesTheRequestFileTheDaemonReads) {
-    struct Case {
-        std::vector<std::string> args;
-        std::string numbers, names, groups;
-        std::string reply, shown;
+TEST_F(CtlTest, TablesEscapeControlsAndAlignByDisplayWidth) {
+    auto contact = [](const std::string& name, const std::string& number) {
+        return rec("^|^" + name + "^|^" + number + "^|^^|^");
     };
-    const std::vector<Case> cases = {
-        {{"--to", "+4911", "--to", "+4922", "--contact", "Ann Lee", "--group", "Friends", "--from",
-          "ops", "hello there"},
-         "+4911^|^+4922^|^",
-         "0^|^Ann Lee^|^",
-         "Friends^|^",
-         "",
-         "sent\n"},
-        {{"--all", "--to", "1", "hi"}, "__ALL__", "", "", "OK", "queued\n"},
-        {{"--all-groups", "hi"}, "__GALL__", "", "", "OK", "queued\n"},
+    const std::string listing = contact("\x1b[2J\x1b[31mEvil", "1") + contact("Zo\xc3\xab", "2") +
+                                contact("\xe5\x90\x8d\xe5\x89\x8d", "3") + contact("a\nb\\", "4") +
+                                contact("\xff\xc2\x9b", "5") + rec("^|^MAX_ELEMENTS=5");
+    CtlResult r = play({"contacts", "list"}, {{"get-sms phone_book 1^|^", RF, listing}});
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.out,
+              "NAME             NUMBER  DESCRIPTION\n"
+              "\\e[2J\\e[31mEvil  1\n"
+              "Zo\xc3\xab              2\n"
+              "\xe5\x90\x8d\xe5\x89\x8d             3\n"
+              "a\\nb\\\\           4\n"
+              "\\xff\\u009b       5\n"
+              "5 shown from 1, 5 in all\n");
+    r = play({"--json", "contacts", "list"}, {{"get-sms phone_book 1^|^", RF, listing}});
+    EXPECT_NE(r.out.find("\"name\":\"\\u001b[2J\\u001b[31mEvil\""), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("\"name\":\"a\\nb\\\\\""), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("\"name\":\"\\u00ff\\u009b\""), std::string::npos) << r.out;
+}
+
+TEST_F(CtlTest, BadCommandLinesAreOneLineStatusTwoAndSendNothing) {
+    const std::string huge(100000, 'x');
+    // clang-format off
+    const std::vector<Args> bad = {
+        {}, {"nonsense"}, {"contacts"}, {"contacts", "frobnicate"}, {"contacts", "add", huge, "1"},
+        {"contacts", "add", "A^|^B", "1"}, {"contacts", "add", "Evil\x1b[2J", "1"},
+        {"contacts", "add", "two\nlines", "1"}, {"contacts", "list", "--page", "0"},
+        {"contacts", "list", "--bogus"}, {"groups", "add", "G", "Ann"}, {"groups", "del", huge},
+        {"triggers", "add", "broadcast", "K", "t", "--group", "x]|[y"},
+        {"triggers", "add", "ctrl", "Make Coffee", "K"}, {"triggers", "del", "ctrl", "1"},
+        {"send", "hello"}, {"send", "--to", "abc", "hi"}, {"send", "--to", "1", std::string(160, 'x')},
+        {"send", "--all", "--all-groups", "hi"}, {"raw", huge}, {"--port-offset", "x", "status"},
+        {"--root", "/nonexistent/root", "status"}, {"import-csv", "f", "--columns", "1,2,3"},
     };
+    // clang-format on
+    for (const auto& args : bad) {
+        CtlResult r = ctl(args);
+        EXPECT_EQ(r.status, 2) << r.err;
+        EXPECT_EQ(r.err.rfind("smsgwctl: ", 0), 0u) << r.err;
+        EXPECT_EQ(r.err.find('\n'), r.err.size() - 1) << r.err;  // one line
+        EXPECT_EQ(r.err.substr(r.err.size() - 17), "smsgwctl --help)\n");
+        EXPECT_EQ(r.err.find('\x1b'), std::string::npos);
+        EXPECT_EQ(r.out, "");
+    }
+    EXPECT_FALSE(fake_->receive(0ms));
+    EXPECT_TRUE(spool().empty());
+}
+
+TEST_F(CtlTest, UnreachableDaemonIsStatusThreeAndLeavesNoFile) {
+    const std::string port = std::to_string(20205 + offset_);
+    // The fake takes the request and never answers.
+    expect_shown(ctl({"--timeout", "1", "import-csv", "/dev/null"}), 3,
+                 "no answer from smsgwd on 127.0.0.1:" + port + " within 1 s");
+    expect_shown(ctl({"--timeout", "1", "send", "--force", "--to", "1", "hi"}), 3, "no answer");
+    fake_.reset();  // nobody listens on the daemon's port any more
+    expect_shown(ctl({"send", "--force", "--to", "1", "hi"}), 3,
+                 "smsgwd is not running: nothing listens on 127.0.0.1:" + port);
+    expect_shown(ctl({"--json", "status"}), 3, "nothing listens");
+    EXPECT_NE(file("ctl.out").find("\"daemon\":{\"running\":false},\"answers\":false"),
+              std::string::npos);
+    EXPECT_TRUE(spool().empty());
+    EXPECT_FALSE(exists(path("var/run/AddressBook.csv")));
+    EXPECT_FALSE(exists(path("var/run/csv_frmt.dat")));
+}
+
+TEST_F(CtlTest, RootAndPortOffsetFromTheEnvironmentOrARelativeRoot) {
+    const std::vector<std::string> env = {"SMSGW_ROOT=" + root_.path(),
+                                          "SMSGW_PORT_OFFSET=" + std::to_string(offset_)};
+    auto child = spawn({"contacts", "count"}, env, false);
+    ASSERT_EQ(take(), "get-sms total-entries phone_book^|^");
+    fake_->reply("7");
+    EXPECT_EQ(finish(*child).out, "7\n");
+    // The root named relative to the working directory.
+    char cwd[4096];
+    ASSERT_TRUE(::getcwd(cwd, sizeof cwd));
+    std::string relative;
+    for (const char* p = cwd; *p; ++p) relative += *p == '/' ? "../" : "";
+    child = spawn({"--root", relative + root_.path().substr(1), "--port-offset",
+                   std::to_string(offset_), "import-csv", "/dev/null"},
+                  {}, false);
+    ASSERT_EQ(take(), "CSVFILE");
+    EXPECT_TRUE(exists(path("var/run/csv_frmt.dat")));
+}
+
+// ---------------------------------------------------------------- sending
+
+// Ages shown are whole seconds since a file changed: dated a day ahead a
+// file reads 0s, dated two days back it reads 2d00h for an hour.
+void date_file(const std::string& path, long days) {
+    const timespec t[2] = {{0, UTIME_OMIT}, {std::time(nullptr) + days * 86400, 0}};
+    ASSERT_EQ(::utimensat(AT_FDCWD, path.c_str(), t, 0), 0) << path;
+}
+
+std::string job(const std::string& from, const std::string& body) {
+    return encode_job_header(static_cast<int32_t>(body.size()), 0, from) + body;
+}
+
+TEST_F(CtlTest, SendWritesTheRequestFileAndReportsItsFate) {
+    struct SendCase {
+        Args args;
+        std::string reply;
+        std::string fate;  // what the fake does: t take the file, h count a hand-off,
+                           // q queue it, f mark the queue full
+        int status;
+        std::string shown;
+    };
+    // clang-format off
+    const std::vector<SendCase> cases = {
+        {{"--force", "--to", "+4911", "--to", "+4922", "--contact", "Ann Lee", "--group", "Friends",
+          "--from", "ops", "hello there"}, "", "th", 0, "handed to the modem\n"},
+        {{"--force", "--all", "hi"}, "", "t", 1, "the daemon dropped the job"},
+        {{"--force", "--all-groups", "hi"}, "", "", 1, "did not take the request file"},
+        {{"--force", "--to", "1", "hi"}, "OK", "tq", 0, "queued at position 2 of 2\n"},
+        {{"--force", "--to", "1", "hi"}, "OK", "tf", 1, "the job queue is full"},
+    };
+    // clang-format on
     for (const auto& c : cases) {
-        std::vector<std::string> a = {"send"};
-        a.insert(a.end(), c.args.begin(), c.args.end());
-        auto child = spawn(a);
-        auto text = take();
-        ASSERT_TRUE(text);
-        ASSERT_EQ(text->rfind("send-sms " + root_.path() + "/tmp/", 0), 0u) << *text;
-        std::string file = text->substr(9);
-        EXPECT_LE(file.size(), 87u);
-        struct stat st {};
-        ASSERT_EQ(::lstat(file.c_str(), &st), 0);
-        EXPECT_TRUE(S_ISREG(st.st_mode));
-        std::string sender = c.args[c.args.size() - 2] == "ops" ? "ops" : "admin";
-        EXPECT_EQ(read_file(file),
-                  build_request_file(sender, c.args.back(), c.numbers, c.names, c.groups));
-        ::unlink(file.c_str());  // the daemon's part
-        fake_->reply(c.reply);
-        CtlResult r = finish(*child);
-        EXPECT_EQ(r.status, 0) << r.err;
-        EXPECT_EQ(r.out, c.shown);
+        SCOPED_TRACE(c.shown);
+        write_file(path("var/config/job_stats_file"), "0\n0\n0");
+        ::unlink(path("var/Jobs/jobfull").c_str());
+        write_file(path("var/Jobs/Pending_Jobs_1"), job("send-sms /tmp/other", ""));
+        Args args = {"send"};
+        args.insert(args.end(), c.args.begin(), c.args.end());
+        CtlResult r = play(args, {{"", c.reply}}, [&](const std::string& request) {
+            const std::string file = request.substr(9);
+            EXPECT_EQ(request, "send-sms " + file);
+            EXPECT_EQ(file.rfind(path("tmp/smsgwctl-"), 0), 0u);
+            const std::string all = c.args[1] == "--all"          ? "__ALL__"
+                                    : c.args[1] == "--all-groups" ? "__GALL__"
+                                                                  : "";
+            const std::string image =
+                c.args.size() > 4
+                    ? encode_request_file("ops", "hello there", "+4911^|^+4922^|^",
+                                          "0^|^Ann Lee^|^", "Friends^|^")
+                    : encode_request_file("admin", "hi", all.empty() ? "1^|^" : all, "", "");
+            EXPECT_EQ(read_file(file), image);
+            auto does = [&](char what) { return c.fate.find(what) != std::string::npos; };
+            if (does('t')) ::unlink(file.c_str());
+            if (does('h')) write_file(path("var/config/job_stats_file"), "0\n0\n1");
+            if (does('q')) smsgw::append_file(path("var/Jobs/Pending_Jobs_1"), job(request, ""));
+            if (does('f')) write_file(path("var/Jobs/jobfull"), "");
+        });
+        expect_shown(r, c.status, c.shown);
+        EXPECT_TRUE(spool().empty());
     }
 }
 
-TEST_F(CtlTest, SendWithoutAnswerRemovesItsRequestFile) {
-    fake_.reset();
-    CtlResult r = ctl({"--timeout", "1", "send", "--to", "1", "hi"});
-    EXPECT_EQ(r.status, 2);
-    // No request file may be left in the spool directory.
-    bool left = false;
-    if (DIR* d = ::opendir((path("tmp")).c_str())) {
-        while (dirent* e = ::readdir(d))
-            if (std::string(e->d_name).rfind("smsgwctl-", 0) == 0) left = true;
-        ::closedir(d);
-    }
-    EXPECT_FALSE(left);
+TEST_F(CtlTest, JobsListTheRingFromTheReadFileOn) {
+    PositionTable t;
+    t.P_POS = 8;  // reading Pending_Jobs_9, the ring wraps to Pending_Jobs_1
+    t.L_POS = 0;
+    write_file(path("var/Jobs/pos_offset"), encode_position_table(t));
+    const std::string numbers =
+        encode_request_file("ops", "first", "+4911^|^+4922^|^", "5^|^Bo^|^0^|^Ann^|^", "");
+    write_file(path("var/Jobs/Pending_Jobs_9"), job("send-sms /tmp/a", numbers));
+    write_file(path("var/Jobs/Pending_Jobs_1"),
+               job("send-sms /tmp/b", encode_request_file("admin", "all", "__ALL__", "", "")) +
+                   job("ISBRDTRIG", std::string("+4999").append(45, '\0') +
+                                        std::string("news").append(156, '\0') + "G1]|[G2]|["));
+    write_file(path("var/Jobs/PerModem_PendingJob"),
+               job("send-sms /tmp/c", encode_request_file("x", "y", "", "", "G^|^")));
+    for (const char* f : {"Pending_Jobs_9", "Pending_Jobs_1", "PerModem_PendingJob"})
+        date_file(path("var/Jobs/") + f, std::string(f) == "Pending_Jobs_1" ? -2 : 1);
+    CtlResult r = ctl({"jobs"});
+    EXPECT_EQ(r.status, 0) << r.err;
+    const std::string size = std::to_string(108 + numbers.size());
+    EXPECT_EQ(r.out,
+              "#      FILE                 SIZE  RECIPIENTS            MIN AGE  FROM   TEXT\n"
+              "1      Pending_Jobs_9       " +
+                  size +
+                  "   3 numbers, 1 contact  0s       ops    first\n"
+                  "2      Pending_Jobs_1       356   all contacts          2d00h    admin  all\n"
+                  "3      Pending_Jobs_1       328   2 groups              2d00h    +4999  news\n"
+                  "modem  PerModem_PendingJob  353   1 group               0s       x      y\n"
+                  "3 queued, 1 for the modems\n");
+    r = ctl({"jobs", "--json"});
+    EXPECT_NE(
+        r.out.find(
+            "{\"position\":1,\"file\":\"Pending_Jobs_9\",\"offset\":0,\"size\":" + size +
+            ",\"request\":\"send-sms /tmp/a\",\"recipients\":{\"numbers\":3,\"contacts\":1,"
+            "\"groups\":0,\"all\":null},\"min_age_s\":0,\"sender\":\"ops\",\"text\":\"first\"}"),
+        std::string::npos)
+        << r.out;
+    // A record cut short: what precedes it is listed, the status says so.
+    smsgw::append_file(path("var/Jobs/Pending_Jobs_1"), "<JB/SRT>");
+    r = ctl({"jobs"});
+    expect_shown(r, 5, "damaged job file Pending_Jobs_1");
+    EXPECT_NE(r.out.find("3      Pending_Jobs_1"), std::string::npos) << r.out;
 }
 
-TEST_F(CtlTest, ImportCsvStagesTheUploadAndReportsTheDaemonsVerdict) {
-    const std::string src = path("contacts.csv");
-    write_file(src, "Firstname,Lastname,Description,Phone-Number\r\nAnn,Lee,x,123\r\n");
-    // Stale marker of an earlier refused import.
-    write_file(path("var/tmp/csv_empty_err"), "");
-    const std::vector<std::string> a = {"import-csv", src, "--columns", "1,2,4,3"};
-    {
-        auto child = spawn(a);
-        auto text = take();
-        ASSERT_TRUE(text);
-        EXPECT_EQ(*text, "CSVFILE");
-        EXPECT_EQ(file("var/run/AddressBook.csv"), read_file(src));
-        EXPECT_EQ(file("var/run/csv_frmt.dat"), "1\n2\n4\n3\n");
-        EXPECT_FALSE(exists(path("var/tmp/csv_empty_err")));
-        fake_->reply("");
-        CtlResult r = finish(*child);
-        EXPECT_EQ(r.status, 0) << r.err;
-    }
-    {
-        auto child = spawn(a);
-        ASSERT_TRUE(take());
-        write_file(path("var/tmp/csv_lsp_err"), "");
-        fake_->reply("");
-        CtlResult r = finish(*child);
-        EXPECT_EQ(r.status, 1);
-        EXPECT_NE(r.err.find("begins with a blank"), std::string::npos) << r.err;
-    }
-}
-
-TEST_F(CtlTest, StatusReadsTheQueueAndCounterFiles) {
-    write_file(path("var/run/wirelessmodems"), "/dev/ttyS0\n/dev/ttyS1\n");
-    write_file(path("var/run/txrx_pid_file"), std::to_string(::getpid()) + "\n");
-    // Read index 3 in the high half, write index 5 in the low half of the
-    // first host-order word.
-    unsigned char table[44] = {};
-    put_i32(table, static_cast<int32_t>((3u << 16) | 5u));
-    put_i32(table + 4, 2 * 108 + 10 + 7);
-    put_i32(table + 8 + 3 * 4, 108 + 7);
-    write_file(path("var/Jobs/pos_offset"), std::string(reinterpret_cast<char*>(table), 44));
-    auto record = [](int body) {
-        unsigned char h[108] = {};
-        std::memcpy(h, "<JB/SRT>", 8);
-        put_i32(h + 12, body);
-        return std::string(reinterpret_cast<char*>(h), 108) + std::string(size_t(body), 'b');
-    };
-    write_file(path("var/Jobs/Pending_Jobs_4"), record(10) + record(7));
-    write_file(path("var/Jobs/Pending_Jobs_5"), record(5) + "<JB/SRT>garbage");
-    unsigned char stats[24] = {};
-    put_i32(stats + 16, 4);
-    put_i32(stats + 20, 9);
-    write_file(path("var/config/sms_stats_file"), std::string(reinterpret_cast<char*>(stats), 24));
-    write_file(path("var/config/job_stats_file"), "7\n0\n3");
-    write_file(path("var/config/international_dialing"), "int-dialing=enable\nmax-digits=12\n");
-
-    CtlResult r = ctl({"status", "--json"});
-    ASSERT_EQ(r.status, 0) << r.err;
-    auto has = [&](const std::string& part) {
-        EXPECT_NE(r.out.find(part), std::string::npos) << part << "\nin " << r.out;
-    };
-    has("\"modems\":[\"/dev/ttyS0\",\"/dev/ttyS1\"]");
-    has("\"txrx\":{\"pid\":" + std::to_string(::getpid()) + ",\"alive\":true");
-    has("\"read_index\":3,\"write_index\":5,\"total_size\":233");
-    has("\"last_record_lengths\":[0,0,0,115,0,0,0,0,0]");
-    has("\"jobs\":3,\"bytes\":" + std::to_string(2 * 108 + 17 + 108 + 5 + 15));
-    has("{\"file\":\"Pending_Jobs_4\",\"size\":233,\"jobs\":2,\"damaged\":false}");
-    has("{\"file\":\"Pending_Jobs_5\",\"size\":128,\"jobs\":1,\"damaged\":true}");
-    has("\"job_stats\":{\"jobs_to_txrx\":7,\"peer_replies\":0,\"handoffs\":3}");
-    has("\"sms_stats\":[0,0,0,0,4,9]");
-    has("\"international_dialing\":{\"int_dialing\":\"enable\",\"max_digits\":12}");
-
-    // A table of the wrong size is reported, not misread.
-    write_file(path("var/Jobs/pos_offset"), std::string(10, '\xff'));
-    r = ctl({"status"});
-    ASSERT_EQ(r.status, 0) << r.err;
-    EXPECT_NE(r.out.find("pos_offset is not 44 bytes"), std::string::npos) << r.out;
-    EXPECT_NE(r.out.find("queued jobs:     3"), std::string::npos) << r.out;
+TEST_F(CtlTest, OutboxListsTheRecordsOnDisk) {
+    OutboxRecord rec{",+4911,Friends", 0, 7, "hello", "admin"};
+    write_file(path("var/tmp/fileAbc123"), encode_outbox_record(rec));
+    write_file(path("var/tmp/fileNotARecord"), "garbage");
+    write_file(path("var/Outbox/outbox_slave_tmp"),
+               encode_outbox_record({",__ALL__", 1, 0, "all", "ops"}));
+    date_file(path("var/tmp/fileAbc123"), 1);
+    date_file(path("var/Outbox/outbox_slave_tmp"), -2);
+    CtlResult r = ctl({"outbox"});
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.out,
+              "FILE                          AGE    FROM   TO             API ID  SLAVE  TEXT\n"
+              "/var/Outbox/outbox_slave_tmp  2d00h  ops    __ALL__        0       1      all\n"
+              "/var/tmp/fileAbc123           0s     admin  +4911,Friends  7       0      hello\n"
+              "2 outbox records\n");
+    r = ctl({"--json", "outbox"});
+    EXPECT_NE(
+        r.out.find("\"recipients\":[\"+4911\",\"Friends\"],\"api_request_id\":7,\"is_slave\":0"),
+        std::string::npos)
+        << r.out;
 }
 
 // ------------------------------------------------------ the real daemon
 
-class CtlDaemonTest : public CtlFixture {
+class CtlDaemonTest : public CtlTest {
   protected:
-    void SetUp() override { start(); }
+    void SetUp() override {
+        fake_.reset();
+        start();
+    }
 };
 
-TEST_F(CtlDaemonTest, AddressBookSession) {
+TEST_F(CtlDaemonTest, StatusSaysWhetherTheDaemonOfThisRootRuns) {
+    write_file(path("var/run/txrx_signal.ttyS0"),
+               "/dev/ttyS0 23 99 " + std::to_string(std::time(nullptr) + 86400) + "\n");
+    write_file(path("var/config/sms_stats_file"),
+               std::string(16, '\0') + i32_bytes(4) + i32_bytes(9));
+    CtlResult r = ctl({"status"});
+    expect_shown(r, 0, "smsgwd:          running, pid " + std::to_string(daemon_->pid()) + ", up ");
+    expect_shown(
+        r, 0,
+        "answers:         yes, on 127.0.0.1:" + std::to_string(20205 + offset_) + " (0 contacts");
+    expect_shown(r, 0, "signal:          /dev/ttyS0 -67 dBm (rssi 23, ber 99), read 0s ago\n");
+    expect_shown(r, 0, "sms counters:    0 0 0 0, triggers acted on 4, triggers received 9\n");
+    expect_shown(ctl({"--json", "status"}), 0,
+                 "{\"daemon\":{\"running\":true,\"pid\":" + std::to_string(daemon_->pid()));
+    stop();
+    r = ctl({"status"});
+    expect_shown(r, 3, "nothing listens");
+    EXPECT_NE(r.out.find("smsgwd:          not running for root " + root_.path()),
+              std::string::npos)
+        << r.out;
+}
+
+TEST_F(CtlDaemonTest, AddressBookChangesAreCheckedAgainstTheBook) {
     EXPECT_EQ(ctl({"contacts", "add", "Ann Lee", "+4911", "home"}).status, 0);
     EXPECT_EQ(ctl({"contacts", "add", "Bob", "+4922"}).status, 0);
-    CtlResult r = ctl({"contacts", "add", "ann lee", "+4911"});
-    EXPECT_EQ(r.status, 1) << r.out;
-    EXPECT_FALSE(r.err.empty());
-
-    r = ctl({"contacts", "list"}, true);
-    ASSERT_EQ(r.status, 0) << r.err;
-    EXPECT_EQ(r.out,
-              "{\"start\":1,\"total\":2,\"contacts\":["
-              "{\"name\":\"Ann Lee\",\"number\":\"+4911\",\"description\":\"home\"},"
-              "{\"name\":\"Bob\",\"number\":\"+4922\",\"description\":\"\"}]}\n");
-
+    expect_shown(ctl({"contacts", "add", "ann lee", "+4911"}), 1, "already has this number");
+    expect_shown(ctl({"contacts", "del", "Bob", "+4999"}), 1, "no contact 'Bob' (+4999)");
+    EXPECT_EQ(ctl({"contacts", "count"}).out, "2\n");
     EXPECT_EQ(ctl({"groups", "add", "Team", "Bob", "+4922"}).status, 0);
-    r = ctl({"groups", "members", "Team"});
-    ASSERT_EQ(r.status, 0) << r.err;
-    EXPECT_EQ(r.out,
-              "NAME  NUMBER  DESCRIPTION\n"
-              "Bob   +4922\n"
-              "1 shown from 1, 1 in all\n");
-    r = ctl({"groups", "list"});
-    EXPECT_EQ(r.out, "GROUP\nTeam\n1 groups in all\n");
-
-    r = ctl({"contacts", "find-number", "+4911"});
-    EXPECT_EQ(r.status, 0) << r.err;
-    EXPECT_EQ(r.out, "NAME     NUMBER  DESCRIPTION\nAnn Lee  +4911   home\n");
-    EXPECT_EQ(ctl({"contacts", "find-number", "+000"}).status, 1);
-
-    r = ctl({"contacts", "list", "--prefix", "Zed"});
-    EXPECT_EQ(r.status, 1);
-    EXPECT_NE(r.err.find("ERROR:Search is Unsuccesful."), std::string::npos) << r.err;
-
-    EXPECT_EQ(ctl({"contacts", "del", "Bob", "+4922"}).status, 0);
-    EXPECT_EQ(ctl({"contacts", "count"}).out, "1\n");
-    EXPECT_EQ(ctl({"save"}).status, 0);
-    EXPECT_NE(file("var/AddressBook/Address_Book").find("Ann Lee"), std::string::npos);
+    expect_shown(ctl({"groups", "add-member", "Team", "Bob", "+4922"}), 1,
+                 "'Bob' (+4922) is already in the group 'Team'");
+    EXPECT_EQ(ctl({"groups", "rename", "Team", "Crew"}).status, 0);
+    EXPECT_EQ(ctl({"groups", "members", "Crew"}).out,
+              "NAME  NUMBER  DESCRIPTION\nBob   +4922\n1 shown from 1, 1 in all\n");
+    expect_shown(ctl({"contacts", "edit", "Ann Lee", "+4911", "Bob", "+4922"}), 1,
+                 "was not changed");
+    EXPECT_EQ(ctl({"contacts", "edit", "Ann Lee", "+4911", "Ann Lee", "+4933"}).status, 0);
+    expect_shown(ctl({"contacts", "find-number", "+4933"}), 0, "Ann Lee  +4933   home\n");
+    EXPECT_EQ(ctl({"groups", "del", "Crew"}).status, 0);
+    expect_shown(ctl({"groups", "del", "Crew"}), 1, "no such group: 'Crew'");
+    // A name that arrived by other ways reaches the terminal escaped.
+    EXPECT_EQ(ctl({"raw", "add-sms phone_book \x1b[2JEvil^|^+4944^|^^|^"}).status, 0);
+    expect_shown(ctl({"contacts", "list", "--prefix", "\x1b"}), 0, "\\e[2JEvil  +4944");
+    EXPECT_EQ(ctl({"contacts", "del", "\x1b[2JEvil", "+4944"}).status, 0);
 }
 
 TEST_F(CtlDaemonTest, RuleListsAndCsvRoundTrip) {
     EXPECT_EQ(ctl({"triggers", "add", "auth", "Ann", "+4911"}).status, 0);
-    // The list command answers "SUCCESS" for every pair; a duplicate is
-    // simply not stored again.
-    CtlResult r = ctl({"triggers", "add", "auth", "ANN", "+4911"});
-    EXPECT_EQ(r.status, 0);
+    expect_shown(ctl({"triggers", "add", "auth", "ANN", "+4911"}), 1,
+                 "is already an authenticated user");
     EXPECT_EQ(file("var/config/authenticate_list"), "17^|^Ann^|^+4911^|^");
-    r = ctl({"triggers", "list", "auth"});
-    EXPECT_EQ(r.status, 0) << r.err;
-    EXPECT_EQ(r.out, "INDEX  NAME  NUMBER\n1      Ann   +4911\n");
-
-    EXPECT_EQ(ctl({"triggers", "add", "preconf", "Call me"}).status, 0);
-    EXPECT_EQ(file("var/config/preconf_sms"), "25^|^Call me^|^[null]]|[^|^");
-    EXPECT_EQ(ctl({"triggers", "del", "preconf", "2"}).status, 1);
-    EXPECT_EQ(ctl({"triggers", "del", "preconf", "1"}).status, 0);
-
-    const std::string csv = path("in.csv");
-    // Line ends are LF: the importer keeps a CR as a blank in the last field.
-    write_file(csv, "Firstname,Lastname,Description,Phone-Number\nAnn,Lee,x,123\n");
-    r = ctl({"import-csv", csv});
-    EXPECT_EQ(r.status, 0) << r.err;
-    r = ctl({"export-csv"});
-    EXPECT_EQ(r.status, 0) << r.err;
-    EXPECT_EQ(r.out, "Firstname,Lastname,Description,Phone-Number\r\nAnn,Lee,x,123\r\n");
+    EXPECT_EQ(ctl({"triggers", "list", "auth"}).out, "INDEX  NAME  NUMBER\n1      Ann   +4911\n");
+    // No record per action kind: "SUCCESS", and nothing set.
+    expect_shown(ctl({"triggers", "add", "ctrl", "Delete a Group", "DG"}), 1,
+                 "no record for DELGROUP");
+    EXPECT_EQ(
+        ctl({"triggers", "add", "broadcast", "MEET", "at 5", "--allow", "Ann", "+4911"}).status, 0);
+    EXPECT_EQ(ctl({"triggers", "list", "broadcast"}).out,
+              "INDEX  KEYWORD  TEXT  GROUPS  AUTH  ALLOWED\n1      MEET     at 5  -       NO    "
+              "Ann <+4911>\n");
+    EXPECT_EQ(ctl({"triggers", "del", "auth", "Ann", "+4911"}).status, 0);
+    EXPECT_EQ(file("var/config/trigger_broadcast"),
+              rec("^|^MEET^|^at 5^|^[null]]|[^|^NO^|^[null]]|[^|^"));
+    write_file(path("in.csv"), "Firstname,Lastname,Description,Phone-Number\nAnn,Lee,x,123\n");
+    expect_shown(ctl({"import-csv", path("in.csv")}), 0, "(contacts in the book: 1)");
+    EXPECT_EQ(ctl({"export-csv"}).out,
+              "Firstname,Lastname,Description,Phone-Number\r\nAnn,Lee,x,123\r\n");
+    write_file(path("bad.csv"), "Firstname,Lastname,Description,Phone-Number\n,Lee,x,123\n");
+    expect_shown(ctl({"import-csv", path("bad.csv")}), 1,
+                 "a line lacks the first name or the number");
 }
 
-TEST_F(CtlDaemonTest, SendIsAcceptedAndItsFileConsumed) {
-    EXPECT_EQ(ctl({"contacts", "add", "Ann", "+4911"}).status, 0);
-    CtlResult r = ctl({"send", "--contact", "Ann", "--to", "+4999", "hello"}, true);
-    ASSERT_EQ(r.status, 0) << r.err;
-    auto at = r.out.find("\"request_file\":\"");
-    ASSERT_NE(at, std::string::npos) << r.out;
-    std::string file = r.out.substr(at + 16, r.out.find('"', at + 16) - at - 16);
-    EXPECT_TRUE(wait_for([&] { return !exists(file); })) << file;
-    r = ctl({"status", "--json"});
-    EXPECT_EQ(r.status, 0) << r.err;
-    EXPECT_NE(r.out.find("\"queue\":{\"read_index\":"), std::string::npos) << r.out;
+TEST_F(CtlDaemonTest, SendIsHandedOverQueuedOrRefused) {
+    stop();
+    set_env("SMSGW_SIM_SILENT", "1");  // the first job stays outstanding
+    start();
+    EXPECT_EQ(ctl({"groups", "add", "Team"}).status, 0);
+    expect_shown(ctl({"send", "--group", "Nope", "hi"}), 1, "no such group: 'Nope'");
+    expect_shown(ctl({"send", "--force", "--group", "Nope", "hi"}), 1,
+                 "the daemon dropped the job");
+    expect_shown(ctl({"send", "--to", "+4911", "one"}), 0, "handed to the modem\n");
+    ASSERT_TRUE(wait_jobs(1));
+    expect_shown(ctl({"send", "--group", "Team", "two"}), 0, "queued at position 1 of 1\n");
+    const std::string size =
+        std::to_string(108 + encode_request_file("admin", "two", "", "", "Team^|^").size());
+    expect_shown(ctl({"jobs"}), 0, "1  Pending_Jobs_1  " + size + "   1 group");
+    expect_shown(ctl({"send", "--spool", path("var/Jobs"), "--to", "1", "x"}), 1,
+                 "did not take the request file");
+    for (const auto& f : tree_below(path("var/Jobs")))
+        EXPECT_EQ(f.find("smsgwctl-"), std::string::npos);
 }
 
 }  // namespace

@@ -23,7 +23,7 @@ namespace smsgw::modemsim {
 namespace {
 
 constexpr size_t kMaxInput = 4096;
-const std::string kOk = "\r\nOK\r\n";
+const std::string kOk = "\r\nOK\r\n";  // NOLINT(cert-err58-cpp): a short string at start-up
 
 bool begins(const std::string& s, std::string_view p) {
     return s.compare(0, p.size(), p) == 0;

@@ -46,6 +46,7 @@
 #include "commands/command_parser.h"
 #include "common/fileops.h"
 #include "common/runtime.h"
+#include "formats/request_file.h"
 #include "send/sender.h"
 #include "support/test_support.h"
 
@@ -364,7 +365,7 @@ void bench_send_all(const Book& book) {
         return;
     }
     const std::string text = "to everyone";
-    const std::string request_file = smsgw::build_request_file("admin", text, "__ALL__", "", "");
+    const std::string request_file = smsgw::encode_request_file("admin", text, "__ALL__", "", "");
     const std::string expected = expected_job(text, book.numbers);
     test::UdpClient web;
     std::vector<double> daemon, baseline;

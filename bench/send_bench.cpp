@@ -21,6 +21,7 @@
 #include "addressbook/address_book.h"
 #include "common/fileops.h"
 #include "common/runtime.h"
+#include "formats/request_file.h"
 #include "jobs/job_queue.h"
 #include "send/sender.h"
 
@@ -54,7 +55,8 @@ int main() {
 
     Runtime rt(root, 0);
     AddressBook ab(rt.reply_buffer);
-    Sender sender(rt, ab);
+    smsgw::TxrxLink link(rt.ports);
+    Sender sender(rt, ab, link);
     char name[32], number[32];
     for (int i = 0; i < 20000; ++i) {
         std::snprintf(name, sizeof name, "Contact %05d", i);
@@ -64,13 +66,13 @@ int main() {
 
     // 1. "__ALL__" through the handler vs. the records with one stream.
     const std::string request = root + "/tmp/all";
-    const std::string image = smsgw::build_request_file("admin", "to everyone", "__ALL__", "", "");
+    const std::string image = smsgw::encode_request_file("admin", "to everyone", "__ALL__", "", "");
     double handler = best_of(15, [&] {
         smsgw::write_file(request, image);
         auto t0 = Clock::now();
-        sender.send_sms_handler("send-sms " + request, 0);
+        const smsgw::PreparedJob job = sender.send_sms_handler("send-sms " + request, 0);
         double s = seconds_since(t0);
-        smsgw::remove_file(sender.job_path);
+        smsgw::remove_file(job.job_path);
         return s;
     });
     std::vector<std::string> numbers;
@@ -97,13 +99,13 @@ int main() {
     // 2. Appending 1000 queued requests.
     const int kJobs = 1000;
     JobQueue queue(rt, sender);
-    queue.sleep_seconds = [](unsigned) {};  // the pause is not what is measured here
+    queue.set_pause([](unsigned) {});  // the pause is not what is measured here
     if (!queue.try_init_job_pos_table()) return 1;
     queue.load_job_pos_table();
     std::vector<std::string> bodies;
     for (int i = 0; i < kJobs; ++i)
-        bodies.push_back(smsgw::build_request_file("admin", "queued text",
-                                                   "+4912345" + std::to_string(i) + "^|^", "", ""));
+        bodies.push_back(smsgw::encode_request_file(
+            "admin", "queued text", "+4912345" + std::to_string(i) + "^|^", "", ""));
     // Interleaved with the baselines, so all three see the same disk load.
     double append = 0, plain_sync = 0, plain = 0;
     const std::string plain_path = root + "/tmp/plain";
@@ -137,9 +139,9 @@ int main() {
     rt.no_of_modems = 0;
     auto t0 = Clock::now();
     int runs = 0;
-    while (runs < 2 * kJobs &&
-           (queue.TOTAL_SIZE > 0 || smsgw::file_exists(queue.pending_file(queue.P_POS)))) {
-        rt.job_outstanding = 0;
+    while (runs < 2 * kJobs && (queue.position().TOTAL_SIZE > 0 ||
+                                smsgw::file_exists(queue.pending_file(queue.position().P_POS)))) {
+        link.job_done();
         queue.create_job_from_pending_jobs(0);
         ++runs;
     }

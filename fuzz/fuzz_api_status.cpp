@@ -6,6 +6,7 @@
 #include <string>
 
 #include "book_check.h"
+#include "formats/request_file.h"
 #include "fuzz_support.h"
 #include "trigger_stack.h"
 
@@ -22,8 +23,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     fuzz::expand_root(line, root);
     if (as_request) {
         // api trigger requests name a request file: give them two to find.
-        root.write("tmp/req-5", build_request_file("admin", "Add:Fred;+4970", "", "", ""));
-        root.write("tmp/req-6", build_request_file("+4930", "Open", "", "", ""));
+        root.write("tmp/req-5", encode_request_file("admin", "Add:Fred;+4970", "", "", ""));
+        root.write("tmp/req-6", encode_request_file("+4930", "Open", "", "", ""));
         stack.triggers->api_ProcessTrigs(line);
         stack.queue.create_job_from_pending_jobs(0);
     } else {

@@ -8,6 +8,7 @@
 
 #include "addressbook/address_book.h"
 #include "common/runtime.h"
+#include "formats/request_file.h"
 #include "fuzz_support.h"
 #include "jobs/job_queue.h"
 #include "send/sender.h"
@@ -24,7 +25,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     for (int i = 1; i <= 9; ++i)
         root.write("var/Jobs/Pending_Jobs_" + std::to_string(i), parts[static_cast<size_t>(i)]);
     root.write("var/Jobs/PerModem_PendingJob", parts[10]);
-    root.write("tmp/req-1", build_request_file("admin", "hello", "+4911^|^", "", ""));
+    root.write("tmp/req-1", encode_request_file("admin", "hello", "+4911^|^", "", ""));
 
     // Records name request files; a damaged one must not make the queue
     // create files wherever it points (relative names land here).
@@ -33,17 +34,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     rt.no_of_modems = 1;
     ensure_sms_stats_file(rt);
     AddressBook ab(rt.reply_buffer);
-    Sender sender(rt, ab);
+    TxrxLink link(rt.ports);
+    Sender sender(rt, ab, link);
     JobQueue queue(rt, sender);
-    queue.sleep_seconds = [](unsigned) {};  // the pause only gives txrx time
+    queue.set_pause([](unsigned) {});  // the pause only gives txrx time
     if (!queue.try_init_job_pos_table()) return 0;
     queue.load_job_pos_table();
     queue.repair_pending_file();
     for (int pass = 0; pass < 12; ++pass) {
-        rt.job_outstanding = 0;
+        link.job_done();
         queue.create_job_from_pending_jobs(pass % 3 == 2 ? 1 : 0);
-        if (queue.P_POS < 0 || queue.P_POS > 8 || queue.L_POS < 0 || queue.L_POS > 8)
-            __builtin_trap();
+        const PositionTable t = queue.position();
+        if (t.P_POS < 0 || t.P_POS > 8 || t.L_POS < 0 || t.L_POS > 8) __builtin_trap();
     }
     if (fuzz::entries_in_working_dir() != entries_before) __builtin_trap();
     fuzz::reap_children();

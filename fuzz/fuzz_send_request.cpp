@@ -33,14 +33,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     ab.group_add_contact("Staff", "Bob");
     ab.group_create("Empty");
 
-    Sender sender(rt, ab);
+    TxrxLink link(rt.ports);
+    Sender sender(rt, ab, link);
     const bool api = data[0] & 1;
     const int is_slave = (data[0] >> 1) & 1;
-    sender.send_sms_handler((api ? "send-sms api " : "send-sms ") + file + "\r\n", is_slave);
-    if (sender.job_path.size() > 99) __builtin_trap();
+    const PreparedJob prepared =
+        sender.send_sms_handler((api ? "send-sms api " : "send-sms ") + file + "\r\n", is_slave);
+    if (prepared.job_path.size() > 99) __builtin_trap();
     // txrx reads the job as the 160-byte text and whole 50-byte numbers.
-    if (!sender.job_path.empty()) {
-        long long job = file_size(sender.job_path);
+    if (!prepared.job_path.empty()) {
+        long long job = file_size(prepared.job_path);
         if (job >= 0 && (job < 160 || (job - 160) % 50 != 0)) __builtin_trap();
     }
     fuzz::reap_children();

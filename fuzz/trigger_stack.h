@@ -8,6 +8,7 @@
 #include "addressbook/address_book.h"
 #include "commands/rule_lists.h"
 #include "common/runtime.h"
+#include "formats/api_status.h"
 #include "fuzz_support.h"
 #include "jobs/job_queue.h"
 #include "send/sender.h"
@@ -30,13 +31,12 @@ inline void seed_trigger_files(const FuzzRoot& root) {
     root.write("var/config/authenticate_list", rule_record("^|^Bob]|[+4930]|[^|^"));
     root.write("var/config/preconf_sms", rule_record("^|^Meeting^|^Staff]|[^|^"));
     // api status records for the request ids 1 to 8.
-    std::string api(4, '\0');
+    std::string api(ApiStatRecord::kHeaderSize, '\0');
     for (int32_t id = 1; id <= 8; ++id) {
-        std::string r(60, '\0');
-        std::memcpy(r.data(), &id, 4);
-        int16_t pending = 1;
-        std::memcpy(r.data() + 4, &pending, 2);
-        api += r;
+        ApiStatRecord r;
+        r.id = id;
+        r.status = 1;
+        api += encode_api_stat_record(r);
     }
     root.write("var/config/api_stat.st", api);
 }
@@ -46,12 +46,13 @@ struct TriggerStack {
         : rt(root.path(), root.port_offset()),
           ab(rt.reply_buffer),
           rules(rt),
-          sender(rt, ab),
+          link(rt.ports),
+          sender(rt, ab, link),
           queue(rt, sender) {
         seed_trigger_files(root);
         ensure_sms_stats_file(rt);
         rt.no_of_modems = 1;
-        queue.sleep_seconds = [](unsigned) {};
+        queue.set_pause([](unsigned) {});
         queue.try_init_job_pos_table();
         ab.ab_insert("Ann", "+4911", "");
         ab.ab_insert("Bob", "+4930", "");
@@ -64,6 +65,7 @@ struct TriggerStack {
     Runtime rt;
     AddressBook ab;
     RuleLists rules;
+    TxrxLink link;
     Sender sender;
     JobQueue queue;
     std::unique_ptr<Triggers> triggers;

@@ -184,11 +184,11 @@ TEST(CoreTxrxSupervisor, OneChildPerModemAndAZombieRestartsEveryModem) {
 
     // While a dial-out holds the modem nothing is restarted.
     test::write_file(s.rt.path("/var/run/txrx_pid_file"), std::to_string(first[1]) + "\n");
-    s.rt.txrx_enabled = 0;
+    sup.set_enabled(false);
     EXPECT_FALSE(sup.txrx_monitor());
     EXPECT_EQ(process_state(first[1]), "zombie");
 
-    s.rt.txrx_enabled = 1;
+    sup.set_enabled(true);
     EXPECT_TRUE(sup.txrx_monitor());
     EXPECT_TRUE(test::wait_for([&] { return s.starts() == 4; }));
     EXPECT_EQ(process_state(first[1]), "");  // reaped after the look

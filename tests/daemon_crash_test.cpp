@@ -40,6 +40,7 @@
 #include <thread>
 #include <vector>
 
+#include "formats/request_file.h"
 #include "send/sender.h"
 #include "support/test_support.h"
 
@@ -156,7 +157,7 @@ class CrashRun {
         std::string text = "crash-msg-" + std::to_string(next_request_);
         std::string file = root_ / ("tmp/req-" + std::to_string(next_request_));
         ++next_request_;
-        test::write_file(file, build_request_file("admin", text, "5550100^|^", "", ""));
+        test::write_file(file, encode_request_file("admin", text, "5550100^|^", "", ""));
         sends_.push_back({text, Ack::None});
         return "send-sms " + file;
     }

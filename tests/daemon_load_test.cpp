@@ -19,6 +19,7 @@
 #include <thread>
 #include <vector>
 
+#include "formats/request_file.h"
 #include "send/sender.h"
 #include "support/test_support.h"
 
@@ -158,7 +159,7 @@ class DaemonLoad : public ::testing::Test {
         for (int i = 0; i < count; ++i) {
             std::string text = prefix + std::to_string(i);
             std::string file = root_ / ("tmp/" + text);
-            test::write_file(file, build_request_file("admin", text, "5550100^|^", "", ""));
+            test::write_file(file, encode_request_file("admin", text, "5550100^|^", "", ""));
             std::string request = "send-sms " + file;
             {
                 std::lock_guard<std::mutex> lock(pair_lock_);

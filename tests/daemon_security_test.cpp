@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "formats/request_file.h"
 #include "send/sender.h"
 #include "support/test_support.h"
 
@@ -52,7 +53,7 @@ class DaemonSecurity : public DaemonFixture {
         return out;
     }
     std::string request_image(const std::string& text, const std::string& number) {
-        return build_request_file("admin", text, number + "^|^", "", "");
+        return encode_request_file("admin", text, number + "^|^", "", "");
     }
     std::string request_file(const std::string& full_path, const std::string& text,
                              const std::string& number) {

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "formats/request_file.h"
 #include "send/sender.h"
 #include "support/test_support.h"
 
@@ -23,8 +24,8 @@ class DaemonSend : public DaemonFixture {
     }
     std::string send(const std::string& name, const std::string& numbers,
                      const std::string& names = "", const std::string& groups = "") {
-        return ask("send-sms " + spool_file(name, build_request_file("admin", "text " + name,
-                                                                     numbers, names, groups)));
+        return ask("send-sms " + spool_file(name, encode_request_file("admin", "text " + name,
+                                                                      numbers, names, groups)));
     }
     // The recipient lists of the jobs txrx-sim has logged, in order.
     std::vector<std::string> recipients() const {

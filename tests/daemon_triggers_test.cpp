@@ -3,6 +3,7 @@
 // the system log, and api trigger requests.
 #include <string>
 
+#include "formats/request_file.h"
 #include "send/sender.h"
 #include "support/test_support.h"
 
@@ -35,7 +36,7 @@ class DaemonTriggers : public DaemonFixture {
         return i32_at(file("var/config/sms_stats_file"), offset);
     }
     std::string request_file(const std::string& name, const std::string& text) {
-        return spool_file(name, build_request_file("admin", text, "", "", ""));
+        return spool_file(name, encode_request_file("admin", text, "", "", ""));
     }
 };
 

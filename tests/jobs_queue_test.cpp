@@ -1,7 +1,6 @@
-// The job queue: record and table bytes, appends with rotation, limit and
-// rollback, the repair walk over damaged files, and the scheduler feeding a
-// fake txrx in order.
-#include <arpa/inet.h>
+// The job queue: the position table as a restart finds it, appends with
+// rotation, limit and rollback, the repair walk over damaged files, and the
+// scheduler feeding a fake txrx in order.
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -10,9 +9,10 @@
 #include <vector>
 
 #include "addressbook/address_book.h"
-#include "common/bytes.h"
 #include "common/fileops.h"
-#include "formats/position_table.h"
+#include "formats/job_file.h"
+#include "formats/outbox_record.h"
+#include "formats/request_file.h"
 #include "jobs/job_queue.h"
 #include "send/sender.h"
 #include "support/test_support.h"
@@ -23,30 +23,38 @@ namespace {
 using namespace std::chrono_literals;
 using test::TempDir;
 
-const unsigned char* u(const std::string& s, size_t off = 0) {
-    return reinterpret_cast<const unsigned char*>(s.data()) + off;
-}
-
 std::string record(const std::string& body, int32_t p_job_ln, const std::string& line) {
     return encode_job_header(static_cast<int32_t>(body.size()), p_job_ln, line) + body;
+}
+
+PositionTable table_of(int p_pos, int l_pos, int32_t total, int32_t read_len = 0) {
+    PositionTable t;
+    t.P_POS = static_cast<int16_t>(p_pos);
+    t.L_POS = static_cast<int16_t>(l_pos);
+    t.TOTAL_SIZE = total;
+    t.l_job_ln[static_cast<size_t>(p_pos)] = read_len;
+    return t;
 }
 
 struct QueueTest : ::testing::Test {
     TempDir dir;
     Runtime rt{dir.path(), test::random_port_offset()};
     AddressBook ab{rt.reply_buffer};
-    Sender sender{rt, ab};
+    TxrxLink link{rt.ports};
+    Sender sender{rt, ab, link};
     JobQueue queue{rt, sender};
     int sleeps = 0;
 
     QueueTest() {
         test::prepare_root(dir.path());
-        queue.sleep_seconds = [this](unsigned s) {
+        queue.set_pause([this](unsigned s) {
             EXPECT_EQ(s, 2u);
             ++sleeps;
-        };
+        });
     }
-    void start() {
+    // Start-up over a position table as a restart would find it.
+    void start(const PositionTable& t = PositionTable{}) {
+        test::write_file(dir / "var/Jobs/pos_offset", encode_position_table(t));
         ASSERT_TRUE(queue.try_init_job_pos_table());
         queue.load_job_pos_table();
         queue.repair_pending_file();
@@ -60,64 +68,37 @@ struct QueueTest : ::testing::Test {
     std::string table() { return test::read_file(dir / "var/Jobs/pos_offset"); }
 };
 
-TEST_F(QueueTest, TableIsCreatedZeroedAndStoresIndicesHighLow) {
-    start();
-    EXPECT_EQ(table(), std::string(44, '\0'));
-    EXPECT_EQ(queue.P_POS, 0);
-    EXPECT_EQ(queue.L_POS, 0);
-    EXPECT_EQ(queue.TOTAL_SIZE, 0);
-
-    queue.P_POS = 2;
-    queue.L_POS = 5;
-    queue.TOTAL_SIZE = 300;
+TEST_F(QueueTest, TableSurvivesARestartAndADamagedOneStaysInTheRing) {
+    ASSERT_TRUE(queue.try_init_job_pos_table());
+    EXPECT_EQ(table(), std::string(44, '\0'));  // created zeroed
+    start(table_of(2, 5, 300));
     queue.update_job_pos_table(216, 5);
-    PositionTable want;
-    want.P_POS = 2;
-    want.L_POS = 5;
-    want.TOTAL_SIZE = 300;
+    PositionTable want = table_of(2, 5, 300);
     want.l_job_ln[5] = 216;
     EXPECT_EQ(table(), encode_position_table(want));
-
-    // A fresh queue over the same files sees the same state.
     JobQueue again{rt, sender};
     ASSERT_TRUE(again.try_init_job_pos_table());
     again.load_job_pos_table();
-    EXPECT_EQ(again.P_POS, 2);
-    EXPECT_EQ(again.L_POS, 5);
-    EXPECT_EQ(again.TOTAL_SIZE, 300);
-    EXPECT_EQ(again.l_job_ln[5], 216);
-}
+    EXPECT_EQ(encode_position_table(again.position()), table());
 
-TEST_F(QueueTest, DamagedTableNeverNamesAFileOutsideTheRing) {
-    struct Case {
-        const char* what;
-        std::string bytes;
-    };
-    std::string out_of_range(44, '\0');
-    put_i32(reinterpret_cast<unsigned char*>(out_of_range.data()),
-            static_cast<int32_t>(0x012c0009));  // 300 and 9
-    put_i32(reinterpret_cast<unsigned char*>(out_of_range.data()) + 4, -77);
-    std::string negative(44, '\xff');
     std::mt19937 rng(7);
     std::string random(44, '\0');
     for (auto& c : random) c = static_cast<char>(rng());
-    const Case cases[] = {{"empty", ""},
-                          {"truncated", std::string(10, '\x01')},
-                          {"out of range", out_of_range},
-                          {"all ones", negative},
-                          {"random", random}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.what);
-        test::write_file(dir / "var/Jobs/pos_offset", c.bytes);
+    PositionTable out_of_range;
+    out_of_range.P_POS = 300;
+    out_of_range.L_POS = 9;
+    out_of_range.TOTAL_SIZE = -77;
+    const std::string cases[] = {"", std::string(10, '\x01'), encode_position_table(out_of_range),
+                                 std::string(44, '\xff'), random};
+    for (const auto& bytes : cases) {
+        test::write_file(dir / "var/Jobs/pos_offset", bytes);
         JobQueue q{rt, sender};
-        q.sleep_seconds = [](unsigned) {};
+        q.set_pause([](unsigned) {});
         ASSERT_TRUE(q.try_init_job_pos_table());
         q.load_job_pos_table();
-        EXPECT_GE(q.P_POS, 0);
-        EXPECT_LE(q.P_POS, 8);
-        EXPECT_GE(q.L_POS, 0);
-        EXPECT_LE(q.L_POS, 8);
-        EXPECT_GE(q.TOTAL_SIZE, 0);
+        const PositionTable t = q.position();
+        EXPECT_TRUE(t.P_POS >= 0 && t.P_POS <= 8 && t.L_POS >= 0 && t.L_POS <= 8) << bytes.size();
+        EXPECT_GE(t.TOTAL_SIZE, 0);
         q.repair_pending_file();
         q.create_job_from_pending_jobs(0);
         EXPECT_EQ(table().size(), 44u);
@@ -126,63 +107,49 @@ TEST_F(QueueTest, DamagedTableNeverNamesAFileOutsideTheRing) {
 
 TEST_F(QueueTest, AppendsRecordsWithBackLinks) {
     start();
-    rt.jobs_to_txrx_count = 1;
     std::string a = request("a", "first body");
     std::string b = request("b-5", "second");
     std::string empty = request("e", "");
     queue.add_to_pending_jobs("send-sms " + a);
     queue.add_to_pending_jobs("send-sms api " + b + "\r\n");
     queue.add_to_pending_jobs("send-sms " + empty);
-    EXPECT_FALSE(test::exists(a));
-    EXPECT_FALSE(test::exists(b));
-    EXPECT_FALSE(test::exists(empty));
+    EXPECT_FALSE(test::exists(a) || test::exists(b) || test::exists(empty));
     std::string expect = record("first body", 0, "send-sms " + a) +
                          record("second", 118, "send-sms api " + b + "\r\n") +
                          record("", 114, "send-sms " + empty);
     EXPECT_EQ(pending(0), expect);
-    EXPECT_EQ(queue.TOTAL_SIZE, static_cast<long>(expect.size()));
-    EXPECT_EQ(queue.l_job_ln[0], 108);
-    auto t = decode_position_table(table());
-    EXPECT_EQ(t->TOTAL_SIZE, static_cast<int32_t>(expect.size()));
-    EXPECT_EQ(t->l_job_ln[0], 108);
-    EXPECT_EQ(rt.jobs_to_txrx_count, 4);
+    PositionTable want = table_of(0, 0, static_cast<int32_t>(expect.size()), 108);
+    EXPECT_EQ(table(), encode_position_table(want));
     EXPECT_EQ(test::read_file(dir / "var/config/job_stats_file"), "4\n0\n0");
-}
 
-TEST_F(QueueTest, RequestsThatMakeNoRecord) {
-    start();
+    // Refused request files make no record and are left alone.
     std::string outside = dir / "etc/req";
     test::write_file(outside, "body");
-    std::string link = dir / "tmp/link";
-    ASSERT_EQ(::symlink(outside.c_str(), link.c_str()), 0);
+    std::string link_path = dir / "tmp/link";
+    ASSERT_EQ(::symlink(outside.c_str(), link_path.c_str()), 0);
     for (const std::string& line :
-         {std::string("send-sms"), "send-sms " + outside, "send-sms " + link,
-          "send-sms api " + outside, "send-sms " + dir / "tmp/../etc/req"}) {
-        SCOPED_TRACE(line);
+         {std::string("send-sms"), "send-sms " + outside, "send-sms " + link_path,
+          "send-sms api " + outside, "send-sms " + dir / "tmp/../etc/req"})
         queue.add_to_pending_jobs(line);
-    }
-    EXPECT_EQ(pending(0), "");  // the start-up repair leaves it empty
+    EXPECT_EQ(pending(0), expect);
     EXPECT_EQ(test::read_file(outside), "body");
-    EXPECT_TRUE(test::exists(link));
-    EXPECT_EQ(queue.TOTAL_SIZE, 0);
+    EXPECT_TRUE(test::exists(link_path));
 }
 
 TEST_F(QueueTest, WriterRotatesPastHalfAMegabyte) {
-    start();
     struct Case {
         int l_pos;
         long long size;
         int expect_l_pos;
-    };
-    const Case cases[] = {{0, 524288, 0}, {0, 524289, 1}, {8, 524289, 0}, {3, 0, 3}};
+    } cases[] = {{0, 524288, 0}, {0, 524289, 1}, {8, 524289, 0}, {3, 0, 3}};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.l_pos * 1000000 + c.size);
         for (int i = 0; i < 9; ++i) remove_file(queue.pending_file(i));
+        start(table_of(0, c.l_pos, 0));
         test::write_file(queue.pending_file(c.l_pos),
                          std::string(static_cast<size_t>(c.size), 'x'));
-        queue.L_POS = c.l_pos;
         queue.add_to_pending_jobs("send-sms " + request("r", "xyz"));
-        EXPECT_EQ(queue.L_POS, c.expect_l_pos);
+        EXPECT_EQ(queue.position().L_POS, c.expect_l_pos);
         std::string file = pending(c.expect_l_pos);
         long long base = c.expect_l_pos == c.l_pos ? c.size : 0;
         ASSERT_EQ(static_cast<long long>(file.size()), base + 111);
@@ -191,32 +158,24 @@ TEST_F(QueueTest, WriterRotatesPastHalfAMegabyte) {
 }
 
 TEST_F(QueueTest, FullQueueRefusesAtTheLimitOnly) {
-    start();
-    int32_t first_id = 10;
-    std::string stat = std::string(4, '\0');
-    append_i32(stat, first_id);
-    stat += std::string(56, '\0');
-    test::write_file(dir / "var/config/api_stat.st", stat);
-
-    queue.TOTAL_SIZE = JobQueue::MAX_JOBS_FILE_LN;
+    test::write_file(dir / "var/config/api_stat.st", test::api_stat_image({10}));
+    start(table_of(0, 0, JobQueue::MAX_JOBS_FILE_LN));
     std::string req = request("q-11", "abc");
     queue.add_to_pending_jobs("send-sms api " + req);
     EXPECT_FALSE(test::exists(req));
     EXPECT_TRUE(test::exists(dir / "var/Jobs/jobfull"));
-    EXPECT_EQ(queue.job_full, 1);
+    EXPECT_TRUE(queue.job_full());
     EXPECT_EQ(pending(0), "");
-    std::string s = test::read_file(dir / "var/config/api_stat.st");
-    ASSERT_EQ(s.size(), 124u);
-    EXPECT_EQ(get_i32(u(s, 64)), 11);
-    EXPECT_EQ(get_i16(u(s, 68)), 608);
+    EXPECT_EQ(test::api_status_of(test::read_file(dir / "var/config/api_stat.st"), 11),
+              kApiQueueFull);
 
-    queue.TOTAL_SIZE = JobQueue::MAX_JOBS_FILE_LN - 1;
+    start(table_of(0, 0, JobQueue::MAX_JOBS_FILE_LN - 1));
     queue.add_to_pending_jobs("send-sms " + request("q", "abc"));
     EXPECT_EQ(pending(0).size(), 111u);
-    EXPECT_EQ(queue.TOTAL_SIZE, JobQueue::MAX_JOBS_FILE_LN - 1 + 111);
+    EXPECT_EQ(queue.position().TOTAL_SIZE, JobQueue::MAX_JOBS_FILE_LN - 1 + 111);
 }
 
-TEST_F(QueueTest, FailedBodyCopiesRollBackAsTheQueueAlwaysHas) {
+TEST_F(QueueTest, FailedBodyCopiesRollBack) {
     start();
     // A broadcast body shorter than announced: the record is taken back.
     queue.add_to_pending_jobs("send-sms " + request("a", "kept"));
@@ -231,7 +190,7 @@ TEST_F(QueueTest, FailedBodyCopiesRollBackAsTheQueueAlwaysHas) {
     test::write_file(queue.pending_file(0), std::string(524289, 'o'));
     test::write_file(body, "short");
     queue.add_to_pending_jobs_broadcasttrigger(&body, 300);
-    EXPECT_EQ(queue.L_POS, 1);
+    EXPECT_EQ(queue.position().L_POS, 1);
     std::string grown = pending(1);
     ASSERT_EQ(grown.size(), 524289u);
     EXPECT_EQ(decode_job_header(grown)->job_ln, 300);
@@ -244,7 +203,6 @@ TEST_F(QueueTest, FailedBodyCopiesRollBackAsTheQueueAlwaysHas) {
     EXPECT_EQ(queue.add_to_permodem_pending_jobs("send-sms " + dir / "tmp/none"), -1);
     EXPECT_EQ(pending(1), "");
     EXPECT_EQ(test::read_file(dir / "var/Jobs/PerModem_PendingJob").size(), 108u);
-    EXPECT_EQ(queue.permodem_written, 0);
 }
 
 TEST_F(QueueTest, BroadcastRecordsCarryTheApiOrigin) {
@@ -252,16 +210,11 @@ TEST_F(QueueTest, BroadcastRecordsCarryTheApiOrigin) {
     std::string body = dir / "var/run/pending_jobs";
     std::string bytes = std::string(210, '\0') + "Friends";
     test::write_file(body, bytes);
-    rt.api_trigger.pending = 1;
-    rt.api_trigger.id = 12;
-    rt.api_trigger.sender = "bob";
-    queue.add_to_pending_jobs_broadcasttrigger(&body, static_cast<long>(bytes.size()));
+    queue.add_to_pending_jobs_broadcasttrigger(&body, static_cast<long>(bytes.size()),
+                                               ApiOrigin{12, "bob"});
     test::write_file(body, bytes);
     queue.add_to_pending_jobs_broadcasttrigger(&body, static_cast<long>(bytes.size()));
     EXPECT_EQ(pending(0), record(bytes, 0, "ISBRDTRIGapi12-bob") + record(bytes, 325, "ISBRDTRIG"));
-    EXPECT_EQ(rt.api_trigger.pending, 0);
-    EXPECT_EQ(rt.api_trigger.sender, "");
-
     test::write_file(body, bytes);
     queue.add_to_pending_jobs_broadcasttrigger(&body, -1);
     EXPECT_FALSE(test::exists(body));
@@ -271,7 +224,6 @@ TEST_F(QueueTest, BroadcastRecordsCarryTheApiOrigin) {
 // ---------------------------------------------------------- repair walk --
 
 TEST_F(QueueTest, RepairWalkKeepsTheWellFormedTail) {
-    start();
     const std::string r1 = record("one", 0, "send-sms /tmp/1");
     const std::string r2 = record("two!", 111, "send-sms /tmp/2");
     const std::string r3 = record("three", 112, "send-sms /tmp/3");
@@ -285,8 +237,7 @@ TEST_F(QueueTest, RepairWalkKeepsTheWellFormedTail) {
         std::string file;
         int32_t a_sz;
         std::string expect;  // "<gone>" when the file is deleted
-    };
-    const Case cases[] = {
+    } cases[] = {
         {"intact chain", r1 + r2 + r3, 113, r1 + r2 + r3},
         {"single record", r1, 111, r1},
         {"garbage before a chain start", "GARBAGE" + r1 + r2, 112, r1 + r2},
@@ -305,9 +256,7 @@ TEST_F(QueueTest, RepairWalkKeepsTheWellFormedTail) {
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
         test::write_file(queue.pending_file(0), c.file);
-        queue.P_POS = 0;
-        queue.A_sz = c.a_sz;
-        queue.repair_pending_file();
+        start(table_of(0, 0, 0, c.a_sz));
         if (c.expect == "<gone>")
             EXPECT_FALSE(test::exists(queue.pending_file(0)));
         else
@@ -316,15 +265,13 @@ TEST_F(QueueTest, RepairWalkKeepsTheWellFormedTail) {
 }
 
 TEST_F(QueueTest, RepeatedRepairAlwaysEndsWellFormedOrEmpty) {
-    start();
     // Whatever the damage, repairs shrink the file until its first record is
     // well-formed or nothing is left, so the scheduler cannot loop on it.
     std::mt19937 rng(11);
     for (int round = 0; round < 300; ++round) {
         std::string file;
         int32_t last = 0;
-        int n = static_cast<int>(rng() % 4);
-        for (int i = 0; i < n; ++i) {
+        for (int i = 0, n = static_cast<int>(rng() % 4); i < n; ++i) {
             std::string r = record(std::string(rng() % 40, 'b'), last, "send-sms /tmp/x");
             last = static_cast<int32_t>(r.size());
             file += r;
@@ -337,21 +284,19 @@ TEST_F(QueueTest, RepeatedRepairAlwaysEndsWellFormedOrEmpty) {
             if (rng() % 3 == 0) file.resize(rng() % file.size());
         }
         test::write_file(queue.pending_file(0), file);
-        queue.P_POS = 0;
         std::string before;
         int passes = 0;
         do {
             before = pending(0);
-            queue.A_sz = last;
-            queue.repair_pending_file();
+            start(table_of(0, 0, 0, last));
             ASSERT_LT(++passes, 10) << "round " << round;
         } while (pending(0) != before);
         std::string out = pending(0);
         if (out.empty()) continue;
-        ASSERT_GE(out.size(), 108u) << "round " << round;
-        JobHeader h = *decode_job_header(out);
-        EXPECT_TRUE(h.marker_ok && h.job_ln >= 0 &&
-                    h.job_ln <= static_cast<int32_t>(out.size() - 108))
+        auto h = decode_job_header(out);
+        ASSERT_TRUE(h) << "round " << round;
+        EXPECT_TRUE(h->marker_ok && h->job_ln >= 0 &&
+                    h->job_ln <= static_cast<int32_t>(out.size() - 108))
             << "round " << round;
     }
 }
@@ -363,14 +308,26 @@ struct SchedulerTest : QueueTest {
     SchedulerTest() { rt.no_of_modems = 1; }
     std::string queue_request(const std::string& name, const std::string& number) {
         std::string path =
-            request(name, build_request_file("admin", "text " + name, number + "^|^", "", ""));
+            request(name, encode_request_file("admin", "text " + name, number + "^|^", "", ""));
         queue.add_to_pending_jobs("send-sms " + path);
         return path;
     }
-    // The number of the single record of the job a datagram names.
-    std::string job_number(const std::string& datagram) {
-        std::string job = test::read_file(std::string(datagram.c_str()));
-        return job.size() >= 210 ? std::string(job.c_str() + 160) : "<none>";
+    // The numbers of the job a datagram names.
+    std::string job_numbers(const std::string& datagram) {
+        auto job = decode_job_file(test::read_file(std::string(datagram.c_str())));
+        std::string out;
+        for (const auto& n : job ? job->numbers : std::vector<std::string>{"<none>"}) out += n;
+        return out;
+    }
+    std::string next_job() {
+        auto d = txrx.receive();
+        link.job_done();
+        return d ? job_numbers(*d) : "<nothing>";
+    }
+    std::string body_file(const std::string& bytes) {
+        std::string body = dir / "var/run/pending_jobs";
+        test::write_file(body, bytes);
+        return body;
     }
 };
 
@@ -379,82 +336,64 @@ TEST_F(SchedulerTest, HandsJobsOverOneAtATimeInOrder) {
     start();
     queue_request("a", "111");
     queue_request("b", "222");
-    queue.L_POS = 1;  // as after a rotation: the next two go to the second file
+    PositionTable rotated = queue.position();  // as after a rotation
+    rotated.L_POS = 1;
+    start(rotated);
     queue_request("c", "333");
     queue_request("d", "444");
 
     std::vector<std::string> got;
     for (int i = 0; i < 4; ++i) {
         queue.create_job_from_pending_jobs(0);
-        EXPECT_EQ(rt.job_outstanding, 1);
-        // While the job is outstanding the idle run does nothing.
-        queue.create_job_from_pending_jobs(0);
-        auto d = txrx.receive();
-        ASSERT_TRUE(d) << i;
-        EXPECT_EQ(d->size(), 100u);
-        got.push_back(job_number(*d));
-        rt.job_outstanding = 0;
+        EXPECT_TRUE(link.job_outstanding());
+        queue.create_job_from_pending_jobs(0);  // does nothing while outstanding
+        got.push_back(next_job());
     }
     EXPECT_EQ(got, (std::vector<std::string>{"111", "222", "333", "444"}));
     EXPECT_FALSE(txrx.receive(100ms).has_value());
     EXPECT_EQ(sleeps, 2);  // each emptied file pauses once
-    EXPECT_FALSE(test::exists(queue.pending_file(0)));
-    EXPECT_FALSE(test::exists(queue.pending_file(1)));
+    EXPECT_FALSE(test::exists(queue.pending_file(0)) || test::exists(queue.pending_file(1)));
 
     queue.create_job_from_pending_jobs(0);
-    EXPECT_EQ(queue.TOTAL_SIZE, 0);
-    EXPECT_EQ(rt.jobs_to_txrx_count, 0);
-    EXPECT_EQ(test::read_file(dir / "var/config/job_stats_file").substr(0, 2), "0\n");
-    EXPECT_EQ(queue.P_POS, queue.L_POS);
+    EXPECT_EQ(queue.position().TOTAL_SIZE, 0);
+    EXPECT_EQ(test::read_file(dir / "var/config/job_stats_file"), "0\n0\n4");
+    EXPECT_EQ(queue.position().P_POS, queue.position().L_POS);
 }
 
-TEST_F(SchedulerTest, EmptyQueueResetsCountersAndJobFull) {
+TEST_F(SchedulerTest, EmptyQueueResetsTheTotalAndJobFull) {
     ASSERT_TRUE(txrx.ok());
-    start();
-    queue.P_POS = 4;
-    queue.L_POS = 6;
-    queue.TOTAL_SIZE = 999;
-    queue.job_full = 1;
-    test::write_file(dir / "var/Jobs/jobfull", "");
+    start(table_of(4, 6, JobQueue::MAX_JOBS_FILE_LN));
+    queue.add_to_pending_jobs("send-sms " + request("r", "x"));  // refused: full
+    ASSERT_TRUE(queue.job_full());
     test::write_file(queue.pending_file(5), std::string(108, '\0'));  // reads as job_ln 0
     queue.create_job_from_pending_jobs(0);
-    EXPECT_EQ(queue.P_POS, 6);
-    EXPECT_EQ(queue.TOTAL_SIZE, 0);
-    EXPECT_EQ(queue.job_full, 0);
+    EXPECT_EQ(queue.position().P_POS, 6);
+    EXPECT_EQ(queue.position().TOTAL_SIZE, 0);
+    EXPECT_FALSE(queue.job_full());
     EXPECT_FALSE(test::exists(dir / "var/Jobs/jobfull"));
     EXPECT_TRUE(test::exists(queue.pending_file(5)));  // passed over, not the write file
     EXPECT_FALSE(txrx.receive(100ms).has_value());
 }
 
-TEST_F(SchedulerTest, CorruptedFrontIsReportedRepairedAndScannedAgain) {
+TEST_F(SchedulerTest, DamagedFrontsAreReportedRepairedOrDropped) {
     ASSERT_TRUE(txrx.ok());
     start();
     queue_request("a", "111");
     queue_request("b", "222");
-    // Damage the first record's marker and queue state as after a crash.
     std::string file = pending(0);
-    file[0] = 'X';
+    file[0] = 'X';  // the first record's marker, as after a crash
     test::write_file(queue.pending_file(0), file);
-    queue.update_job_pos_table(queue.l_job_ln[0], 0);
-    JobHeader first = *decode_job_header(file);
-
     queue.create_job_from_pending_jobs(0);
     EXPECT_EQ(test::read_file(dir / "var/run/test.log.pending"),
-              "Corrupted pendingjobs = 0, count = " + std::to_string(first.job_ln) + "\n\n");
-    auto d = txrx.receive();
-    ASSERT_TRUE(d);
-    EXPECT_EQ(job_number(*d), "222");
-}
+              "Corrupted pendingjobs = 0, count = " +
+                  std::to_string(decode_job_header(file)->job_ln) + "\n\n");
+    EXPECT_EQ(next_job(), "222");
 
-TEST_F(SchedulerTest, DamagedLengthsAreNotTrusted) {
-    ASSERT_TRUE(txrx.ok());
-    start();
     for (int32_t bad : {-5, 0x7fffffff, 1 << 20}) {
         SCOPED_TRACE(bad);
-        std::string r = encode_job_header(bad, 0, "send-sms " + dir / "tmp/x") + "tiny";
-        test::write_file(queue.pending_file(0), r);
-        queue.P_POS = queue.L_POS = 0;
-        queue.update_job_pos_table(static_cast<int32_t>(r.size()), 0);
+        start();
+        test::write_file(queue.pending_file(0),
+                         encode_job_header(bad, 0, "send-sms " + dir / "tmp/x") + "tiny");
         queue.create_job_from_pending_jobs(0);
         EXPECT_EQ(pending(0), "");
         EXPECT_FALSE(test::exists(dir / "tmp/x"));
@@ -476,71 +415,58 @@ TEST_F(SchedulerTest, StartUpOverDamagedFilesDrainsWithoutHanging) {
         for (auto& c : t) c = static_cast<char>(rng());
         test::write_file(dir / "var/Jobs/pos_offset", t.substr(0, rng() % 45));
         JobQueue q{rt, sender};
-        q.sleep_seconds = [](unsigned) {};
+        q.set_pause([](unsigned) {});
         ASSERT_TRUE(q.try_init_job_pos_table());
         q.load_job_pos_table();
         q.repair_pending_file();
         for (int run = 0; run < 40; ++run) {
-            rt.job_outstanding = 0;
+            link.job_done();
             q.create_job_from_pending_jobs(0);
         }
-        EXPECT_EQ(q.P_POS, q.L_POS) << round;
+        EXPECT_EQ(q.position().P_POS, q.position().L_POS) << round;
     }
 }
 
 TEST_F(SchedulerTest, BroadcastJobsGoThroughTheSendAction) {
     ASSERT_TRUE(txrx.ok());
     start();
-    std::string body = dir / "var/run/pending_jobs";
-    std::string bytes = std::string("+4999") + std::string(45, '\0') + "Meet at 8" +
-                        std::string(151, '\0') + "Friends";
-    std::vector<int> modes;
-    queue.send_action = [&](int mode) {
-        modes.push_back(mode);
-        EXPECT_TRUE(queue.current_broadcast.has_value());
-        EXPECT_EQ(queue.current_broadcast->sender, "+4999");
-        EXPECT_EQ(queue.current_broadcast->text, "Meet at 8");
-        EXPECT_EQ(queue.current_broadcast->group, "Friends");
-        SendActionResult r;
-        r.request_file = "/tmp/prepared";
-        return r;
-    };
+    const BroadcastRecord sent{"+4999", "Friends", "Meet at 8"};
+    const std::string bytes = encode_broadcast_body(sent);
+    std::vector<std::string> seen;
+    queue.set_send_action(
+        [&](int mode, const BroadcastRecord& r, const std::optional<ApiOrigin>& api) {
+            seen.push_back(std::to_string(mode) + r.sender + r.group + r.text +
+                           (api ? std::to_string(api->id) + api->user : "-"));
+            return SendActionResult{false, "/tmp/prepared"};
+        });
     struct Case {
-        int pending;
-        int id;
-        std::string user;
-        std::string expect_id, expect_user, expect_msg;
-    };
-    const Case cases[] = {
-        {0, 0, "", "0", "admin", "/tmp/prepared"},
-        {1, 12, "bob", "12", "bob", "api /tmp/prepared"},
+        std::optional<ApiOrigin> api;
+        std::string line, expect_msg, expect_seen;
+    } cases[] = {
+        {std::nullopt, "", "/tmp/prepared", "0+4999FriendsMeet at 8-"},
+        {ApiOrigin{12, "bob"}, "", "api /tmp/prepared", "0+4999FriendsMeet at 812bob"},
+        {std::nullopt, "ISBRDTRIGapi7", "api /tmp/prepared", "0+4999FriendsMeet at 80admin"},
     };
     for (const auto& c : cases) {
-        test::write_file(body, bytes);
-        rt.api_trigger.pending = c.pending;
-        rt.api_trigger.id = c.id;
-        rt.api_trigger.sender = c.user;
-        queue.api_request_id_text = "0";
-        queue.api_user = "admin";
-        queue.add_to_pending_jobs_broadcasttrigger(&body, static_cast<long>(bytes.size()));
+        seen.clear();
+        std::string body = body_file(bytes);
+        if (c.line.empty())
+            queue.add_to_pending_jobs_broadcasttrigger(&body, static_cast<long>(bytes.size()),
+                                                       c.api);
+        else
+            test::write_file(queue.pending_file(0), record(bytes, 0, c.line));
         queue.create_job_from_pending_jobs(0);
         auto d = txrx.receive();
         ASSERT_TRUE(d);
-        EXPECT_EQ(d->size(), 100u);
-        EXPECT_EQ(std::string(d->c_str()), c.expect_msg);
-        EXPECT_EQ(queue.api_request_id_text, c.expect_id);
-        EXPECT_EQ(queue.api_user, c.expect_user);
-        EXPECT_EQ(queue.api_job, 0);
+        EXPECT_EQ(*d, std::string(c.expect_msg) + std::string(100 - c.expect_msg.size(), '\0'));
+        EXPECT_EQ(seen, std::vector<std::string>{c.expect_seen});
     }
-    EXPECT_EQ(modes, (std::vector<int>{0, 0}));
 
     // Queued again by the action instead of sent: nothing goes to txrx.
-    queue.send_action = [](int) {
-        SendActionResult r;
-        r.queued = true;
-        return r;
-    };
-    test::write_file(body, bytes);
+    queue.set_send_action([](int, const BroadcastRecord&, const std::optional<ApiOrigin>&) {
+        return SendActionResult{true, ""};
+    });
+    std::string body = body_file(bytes);
     queue.add_to_pending_jobs_broadcasttrigger(&body, static_cast<long>(bytes.size()));
     queue.create_job_from_pending_jobs(0);
     EXPECT_FALSE(txrx.receive(100ms).has_value());
@@ -549,37 +475,33 @@ TEST_F(SchedulerTest, BroadcastJobsGoThroughTheSendAction) {
 TEST_F(SchedulerTest, RequestModeRepliesToThePeerAndQueuesPerModemWork) {
     ASSERT_TRUE(txrx.ok());
     start();
-    test::UdpListener peer{rt.ports.lb() + 50};
+    const int peer_port = rt.ports.lb() + 50;
+    test::UdpListener peer{peer_port};
     ASSERT_TRUE(peer.ok());
-    rt.peer_addr.sin_port = htons(static_cast<uint16_t>(rt.ports.lb() + 50));
     queue_request("a", "111");
-    rt.job_outstanding = 1;  // mode 1 does not look at it
-    queue.create_job_from_pending_jobs(1);
+    link.job_handed_over();  // mode 1 does not look at it
+    queue.create_job_from_pending_jobs(1, static_cast<uint16_t>(peer_port));
     auto d = peer.receive();
     ASSERT_TRUE(d);
-    EXPECT_EQ(job_number(*d), "111");
-    std::string outbox_head;
-    append_i32(outbox_head, 4);
-    EXPECT_EQ(test::read_file(dir / "var/Outbox/outbox_slave_tmp").substr(0, 8),
-              outbox_head + ",111");
+    EXPECT_EQ(job_numbers(*d), "111");
+    EXPECT_EQ(
+        decode_outbox_record(test::read_file(dir / "var/Outbox/outbox_slave_tmp"))->recipients,
+        ",111");
 
     // A broadcast in request mode leaves a per-modem job that the next idle
     // run hands to txrx; its request file goes where requests are taken from.
     rt.spool_dirs = {dir / "var/run"};
-    std::string body = dir / "var/run/pending_jobs";
-    std::string bytes = std::string(50, '\0') + "Hi" + std::string(158, '\0') + "555";
-    test::write_file(body, bytes);
-    queue.send_action = [](int) { return SendActionResult{}; };
+    const std::string bytes = encode_broadcast_body({"", "555", "Hi"});
+    queue.set_send_action([](int, const BroadcastRecord&, const std::optional<ApiOrigin>&) {
+        return SendActionResult{};
+    });
+    std::string body = body_file(bytes);
     queue.add_to_pending_jobs_broadcasttrigger(&body, static_cast<long>(bytes.size()));
-    queue.create_job_from_pending_jobs(1);
+    queue.create_job_from_pending_jobs(1, static_cast<uint16_t>(peer_port));
     ASSERT_TRUE(peer.receive());
-    EXPECT_EQ(queue.permodem_pending, 1);
-    rt.job_outstanding = 0;
+    link.job_done();
     queue.create_job_from_pending_jobs(0);
-    auto j = txrx.receive();
-    ASSERT_TRUE(j);
-    EXPECT_EQ(job_number(*j), "555");
-    EXPECT_EQ(queue.permodem_pending, 0);
+    EXPECT_EQ(next_job(), "555");
     EXPECT_FALSE(test::exists(dir / "var/Jobs/PerModem_PendingJob"));
 }
 
@@ -587,47 +509,43 @@ TEST_F(SchedulerTest, BrokenPerModemFileDoesNotHoldTheRingBack) {
     ASSERT_TRUE(txrx.ok());
     start();
     std::string side = dir / "var/Jobs/PerModem_PendingJob";
-    std::string req = request("pm", build_request_file("a", "t", "777^|^", "", ""));
-    test::write_file(side, encode_job_header(0, 0, "send-sms " + dir / "tmp/empty"));
-    EXPECT_EQ(queue.add_to_permodem_pending_jobs("send-sms " + req), 0);
-    queue.permodem_pending = 1;
-
+    // A side-file job (777) is served once a ring job was taken after it.
+    auto arm_side_file = [&](const std::string& ring_number) {
+        std::string req = request("pm", encode_request_file("a", "t", "777^|^", "", ""));
+        EXPECT_EQ(queue.add_to_permodem_pending_jobs("send-sms " + req), 0);
+        queue_request("r" + ring_number, ring_number);
+        queue.create_job_from_pending_jobs(0);
+        EXPECT_EQ(next_job(), ring_number);
+    };
+    arm_side_file("100");
+    test::write_file(
+        side, encode_job_header(0, 0, "send-sms " + dir / "tmp/empty") + test::read_file(side));
     queue.create_job_from_pending_jobs(0);  // drops the empty record only
     EXPECT_FALSE(txrx.receive(100ms).has_value());
     queue.create_job_from_pending_jobs(0);
-    auto d = txrx.receive();
-    ASSERT_TRUE(d);
-    EXPECT_EQ(job_number(*d), "777");
-    EXPECT_EQ(queue.permodem_pending, 0);
+    EXPECT_EQ(next_job(), "777");
+    EXPECT_FALSE(test::exists(side));
 
     // A damaged record naming a file outside the spool (or a relative name,
     // which would land in our working directory) is dropped, not recreated.
-    rt.job_outstanding = 0;
-    std::string outside = dir / "var/Jobs/escaped";
-    std::string body = build_request_file("a", "t", "999^|^", "", "");
-    for (const std::string& name : {outside, std::string("escaped-relative")}) {
+    std::string body = encode_request_file("a", "t", "999^|^", "", "");
+    for (const std::string& name : {dir / "var/Jobs/escaped", std::string("escaped-relative")}) {
         SCOPED_TRACE(name);
-        test::write_file(
-            side,
-            encode_job_header(static_cast<int32_t>(body.size()), 0, "send-sms " + name) + body);
-        queue.permodem_pending = 1;
+        arm_side_file("200");
+        test::write_file(side, record(body, 0, "send-sms " + name));
         queue.create_job_from_pending_jobs(0);
         EXPECT_FALSE(test::exists(name));
         EXPECT_FALSE(test::exists(side));
-        EXPECT_EQ(queue.permodem_pending, 0);
         EXPECT_FALSE(txrx.receive(100ms).has_value());
     }
 
     // A vanished side file: the ring is served again.
-    rt.job_outstanding = 0;
-    queue.permodem_pending = 1;
+    arm_side_file("300");
+    remove_file(side);
     queue_request("r", "888");
     queue.create_job_from_pending_jobs(0);
-    EXPECT_EQ(queue.permodem_pending, 0);
     queue.create_job_from_pending_jobs(0);
-    auto r = txrx.receive();
-    ASSERT_TRUE(r);
-    EXPECT_EQ(job_number(*r), "888");
+    EXPECT_EQ(next_job(), "888");
 }
 
 }  // namespace

@@ -13,8 +13,10 @@
 #include <vector>
 
 #include "addressbook/address_book.h"
-#include "common/bytes.h"
 #include "common/net.h"
+#include "formats/job_file.h"
+#include "formats/outbox_record.h"
+#include "formats/request_file.h"
 #include "send/sender.h"
 #include "support/test_support.h"
 
@@ -24,45 +26,30 @@ namespace {
 using namespace std::chrono_literals;
 using test::TempDir;
 
-std::string i32(int32_t v) {
-    std::string s;
-    append_i32(s, v);
-    return s;
-}
-
 std::string section(const char* tag, int32_t len, const std::string& bytes = "") {
-    return tag + i32(len) + bytes;
+    return tag + test::i32_bytes(len) + bytes;
 }
 
 std::string head(const std::string& sender, const std::string& text) {
-    std::string out(210, '\0');
-    std::memcpy(out.data(), sender.data(), sender.size());
-    std::memcpy(out.data() + 50, text.data(), text.size());
-    return out;
+    return encode_request_file(sender, text, "", "", "").substr(0, 210);
 }
 
-// Numbers of the records after the 160-byte text of a job file.
-std::vector<std::string> job_numbers(const std::string& job) {
-    std::vector<std::string> out;
-    if (job.size() < 160) return out;
-    for (size_t off = 160; off + 50 <= job.size(); off += 50)
-        out.push_back(std::string(job.c_str() + off));
-    EXPECT_EQ((job.size() - 160) % 50, 0u);
-    return out;
+std::vector<std::string> job_numbers(const PreparedJob& job) {
+    auto decoded = decode_job_file(test::read_file(job.job_path));
+    return decoded ? decoded->numbers : std::vector<std::string>{"<no job>"};
 }
 
 std::string outbox_record(const std::string& recipients, int slave, int id, const std::string& text,
                           const std::string& sender) {
-    return i32(static_cast<int32_t>(recipients.size())) + recipients + i32(slave) + i32(id) +
-           i32(static_cast<int32_t>(text.size())) + text +
-           i32(static_cast<int32_t>(sender.size())) + sender;
+    return encode_outbox_record({recipients, slave, id, text, sender});
 }
 
 struct SendTest : ::testing::Test {
     TempDir dir;
     Runtime rt{dir.path(), test::random_port_offset()};
     AddressBook ab{rt.reply_buffer};
-    Sender sender{rt, ab};
+    TxrxLink link{rt.ports};
+    Sender sender{rt, ab, link};
 
     SendTest() {
         test::prepare_root(dir.path());
@@ -106,13 +93,12 @@ TEST_F(SendTest, SectionsBecomeJobRecordsAndOutboxItems) {
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
         std::string path = request(
-            "req", build_request_file("admin", "Hello there", c.numbers, c.names, c.groups));
-        sender.send_sms_handler("send-sms " + path + "\r\n", 1);
+            "req", encode_request_file("admin", "Hello there", c.numbers, c.names, c.groups));
+        const PreparedJob job = sender.send_sms_handler("send-sms " + path + "\r\n", 1);
         EXPECT_FALSE(test::exists(path));
-        EXPECT_EQ(sender.api_request_failed, 0);
-        std::string job = test::read_file(sender.job_path);
-        ASSERT_GE(job.size(), 160u);
-        EXPECT_EQ(job.substr(0, 160), std::string("Hello there") + std::string(149, '\0'));
+        EXPECT_FALSE(job.unknown_recipient);
+        EXPECT_EQ(test::read_file(job.job_path).substr(0, 160),
+                  std::string("Hello there") + std::string(149, '\0'));
         EXPECT_EQ(job_numbers(job), c.expect_numbers);
         EXPECT_EQ(slave_outbox(), outbox_record(c.expect_items, 1, 0, "Hello there", "admin"));
         EXPECT_EQ(sender.recipients().recipient_count(), 0);
@@ -153,50 +139,47 @@ TEST_F(SendTest, MalformedRequestFilesNeverCrashAndKeepWhatIsReadable) {
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
         std::string path = request("bad", c.bytes);
-        sender.send_sms_handler("send-sms " + path, 1);
+        const PreparedJob job = sender.send_sms_handler("send-sms " + path, 1);
         EXPECT_FALSE(test::exists(path));
-        EXPECT_EQ(job_numbers(test::read_file(sender.job_path)), c.expect_numbers);
+        EXPECT_EQ(job_numbers(job), c.expect_numbers);
     }
 }
 
 TEST_F(SendTest, NumberLengthsAroundTheRecordSize) {
     std::string n49(49, '1'), n50(50, '2'), n51(51, '3');
     std::string path = request(
-        "len", build_request_file("a", "t", n49 + "^|^" + n50 + "^|^" + n51 + "^|^", "", ""));
-    sender.send_sms_handler("send-sms " + path, 1);
+        "len", encode_request_file("a", "t", n49 + "^|^" + n50 + "^|^" + n51 + "^|^", "", ""));
     // Only the number that fits a record with its terminator is sent; the
     // outbox still lists every item as given.
-    EXPECT_EQ(job_numbers(test::read_file(sender.job_path)), std::vector<std::string>{n49});
+    EXPECT_EQ(job_numbers(sender.send_sms_handler("send-sms " + path, 1)),
+              std::vector<std::string>{n49});
     EXPECT_EQ(slave_outbox(), outbox_record("," + n49 + "," + n50 + "," + n51, 1, 0, "t", "a"));
 }
 
 TEST_F(SendTest, ApiRequestTakesItsIdFromTheFileName) {
-    test::write_file(dir / "var/config/api_stat.st",
-                     std::string(4, '\0') + i32(41) + std::string(56, '\0'));
-    std::string path = request("req-42", build_request_file("api-user", "x", "5^|^", "", ""));
-    sender.send_sms_handler("send-sms api " + path, 1);
-    EXPECT_EQ(sender.api_request, 1);
-    EXPECT_EQ(sender.api_request_id, 42);
-    ASSERT_GE(sender.job_path.size(), 3u);
-    EXPECT_EQ(sender.job_path.substr(sender.job_path.size() - 3), "-42");
-    EXPECT_EQ(job_numbers(test::read_file(sender.job_path)), std::vector<std::string>{"5"});
+    test::write_file(dir / "var/config/api_stat.st", test::api_stat_image({41}));
+    std::string path = request("req-42", encode_request_file("api-user", "x", "5^|^", "", ""));
+    const PreparedJob job = sender.send_sms_handler("send-sms api " + path, 1);
+    EXPECT_TRUE(job.api);
+    EXPECT_EQ(job.api_request_id, 42);
+    ASSERT_GE(job.job_path.size(), 3u);
+    EXPECT_EQ(job.job_path.substr(job.job_path.size() - 3), "-42");
+    EXPECT_EQ(job_numbers(job), std::vector<std::string>{"5"});
     std::string stat = test::read_file(dir / "var/config/api_stat.st");
     ASSERT_EQ(stat.size(), 124u);
-    EXPECT_EQ(get_i32(reinterpret_cast<const unsigned char*>(stat.data()) + 64), 42);
-    EXPECT_EQ(get_i16(reinterpret_cast<const unsigned char*>(stat.data()) + 68), 2);
+    EXPECT_EQ(test::api_status_of(stat, 42), kApiTaken);
     EXPECT_EQ(slave_outbox(), outbox_record(",5", 1, 42, "x", "api-user"));
 }
 
 TEST_F(SendTest, TempFilesAreFreshAndPrivate) {
     std::vector<std::string> jobs;
     for (int i = 0; i < 3; ++i) {
-        std::string path = request("r", build_request_file("a", "t", "1^|^", "", ""));
-        sender.send_sms_handler("send-sms " + path, 1);
-        jobs.push_back(sender.job_path);
+        std::string path = request("r", encode_request_file("a", "t", "1^|^", "", ""));
+        jobs.push_back(sender.send_sms_handler("send-sms " + path, 1).job_path);
         struct stat st {};
-        ASSERT_EQ(::stat(sender.job_path.c_str(), &st), 0);
+        ASSERT_EQ(::stat(jobs.back().c_str(), &st), 0);
         EXPECT_EQ(st.st_mode & 0777, 0600u);
-        EXPECT_EQ(sender.job_path.rfind(dir / "tmp/", 0), 0u);
+        EXPECT_EQ(jobs.back().rfind(dir / "tmp/", 0), 0u);
     }
     EXPECT_NE(jobs[0], jobs[1]);
     EXPECT_NE(jobs[1], jobs[2]);
@@ -207,7 +190,7 @@ TEST_F(SendTest, DatabaseNoticeCarriesTheOutboxPath) {
     Fd src = bind_unix_dgram(dir / "var/run/SQL_SMSTEMP");
     ASSERT_TRUE(db && src);
     rt.sql_sms_fd = src.get();
-    std::string path = request("n", build_request_file("me", "msg", "77^|^", "", ""));
+    std::string path = request("n", encode_request_file("me", "msg", "77^|^", "", ""));
     sender.send_sms_handler("send-sms " + path, 0);
     char buf[256] = {};
     ssize_t n = ::recv(db.get(), buf, sizeof buf, MSG_DONTWAIT);
@@ -219,7 +202,7 @@ TEST_F(SendTest, DatabaseNoticeCarriesTheOutboxPath) {
 
     // Without the database writer the record is not left behind.
     rt.sql_sms_fd = -1;
-    path = request("n", build_request_file("me", "msg", "78^|^", "", ""));
+    path = request("n", encode_request_file("me", "msg", "78^|^", "", ""));
     sender.send_sms_handler("send-sms " + path, 0);
     size_t records = 0;
     for (const auto& e : std::filesystem::directory_iterator(dir / "var/tmp")) {
@@ -230,11 +213,11 @@ TEST_F(SendTest, DatabaseNoticeCarriesTheOutboxPath) {
 }
 
 TEST_F(SendTest, RequestFilePolicy) {
-    std::string good = request("ok", build_request_file("a", "t", "1^|^", "", ""));
+    std::string good = request("ok", encode_request_file("a", "t", "1^|^", "", ""));
     std::string outside = dir / "etc/secret";
-    test::write_file(outside, build_request_file("a", "t", "2^|^", "", ""));
-    std::string link = dir / "tmp/link";
-    ASSERT_EQ(::symlink(outside.c_str(), link.c_str()), 0);
+    test::write_file(outside, encode_request_file("a", "t", "2^|^", "", ""));
+    std::string link_path = dir / "tmp/link";
+    ASSERT_EQ(::symlink(outside.c_str(), link_path.c_str()), 0);
     std::string dirlink = dir / "tmp/d";
     ASSERT_EQ(::symlink((dir / "etc").c_str(), dirlink.c_str()), 0);
     ::mkdir((dir / "tmp/sub").c_str(), 0755);
@@ -248,7 +231,7 @@ TEST_F(SendTest, RequestFilePolicy) {
     const Case cases[] = {
         {good, true},
         {outside, false},
-        {link, false},
+        {link_path, false},
         {dirlink + "/secret", false},
         {dir / "tmp/../etc/secret", false},
         {"tmp/ok", false},
@@ -262,13 +245,10 @@ TEST_F(SendTest, RequestFilePolicy) {
         EXPECT_EQ(sender.request_file_allowed(c.path), c.allowed);
     }
     // A refused file is neither read nor removed, and makes no job.
-    sender.job_path = "previous";
-    for (const std::string& p : {outside, link, dirlink + "/secret"}) {
-        sender.send_sms_handler("send-sms " + p, 1);
-        EXPECT_EQ(sender.job_path, "previous");
-    }
+    for (const std::string& p : {outside, link_path, dirlink + "/secret"})
+        EXPECT_EQ(sender.send_sms_handler("send-sms " + p, 1).job_path, "");
     EXPECT_TRUE(test::exists(outside));
-    EXPECT_TRUE(test::exists(link));
+    EXPECT_TRUE(test::exists(link_path));
 
     rt.spool_dirs = {dir / "var/run"};
     EXPECT_FALSE(sender.request_file_allowed(good));
@@ -281,65 +261,79 @@ struct HandOffTest : SendTest {
 TEST_F(HandOffTest, ApiJobGoesToEveryModemWithTheApiFormFirst) {
     ASSERT_TRUE(txrx.ok());
     rt.no_of_modems = 2;
-    rt.jobs_to_txrx_count = 1;
-    std::string path = request("req-7", build_request_file("a", "t", "1^|^", "", ""));
+    std::string path = request("req-7", encode_request_file("a", "t", "1^|^", "", ""));
     sender.hand_off_job("send-sms api " + path);
     auto first = txrx.receive();
     auto second = txrx.receive();
     ASSERT_TRUE(first && second);
-    EXPECT_EQ(*first, "api " + sender.job_path + std::string(1, '\0'));
-    EXPECT_EQ(sender.job_path.substr(sender.job_path.size() - 2), "-7");
-    EXPECT_EQ(second->size(), 100u);
-    EXPECT_EQ(std::string(second->c_str()), sender.job_path);
-    EXPECT_EQ(rt.job_outstanding, 1);
-    EXPECT_EQ(sender.api_request, 0);
+    const std::string& job = sender.last_job_path();
+    EXPECT_EQ(*first, "api " + job + std::string(1, '\0'));
+    EXPECT_EQ(job.substr(job.size() - 2), "-7");
+    EXPECT_EQ(*second, job + std::string(100 - job.size(), '\0'));
+    EXPECT_TRUE(link.job_outstanding());
     EXPECT_EQ(test::read_file(dir / "var/config/job_stats_file"), "-1\n0\n2");
 }
 
 TEST_F(HandOffTest, UnknownGroupOrContactDropsTheJob) {
     ASSERT_TRUE(txrx.ok());
     rt.no_of_modems = 1;
+    test::write_file(dir / "var/config/api_stat.st", test::api_stat_image({8, 9}));
     // A direct request naming a missing group, and an API request naming a
     // missing contact.
     const std::string requests[] = {
-        "send-sms " + request("g", build_request_file("a", "t", "", "", "Nope^|^")),
-        "send-sms api " + request("c-9", build_request_file("a", "t", "", "0^|^Zed^|^", "")),
+        "send-sms " + request("g", encode_request_file("a", "t", "", "", "Nope^|^")),
+        "send-sms api " + request("c-9", encode_request_file("a", "t", "", "0^|^Zed^|^", "")),
     };
     for (const auto& r : requests) {
         SCOPED_TRACE(r);
         sender.hand_off_job(r);
-        EXPECT_FALSE(test::exists(sender.job_path));
-        EXPECT_EQ(sender.api_request_failed, 0);
-        EXPECT_EQ(rt.job_outstanding, 0);
+        EXPECT_FALSE(test::exists(sender.last_job_path()));
+        EXPECT_FALSE(link.job_outstanding());
     }
+    EXPECT_EQ(test::api_status_of(test::read_file(dir / "var/config/api_stat.st"), 9),
+              kApiUnknownRecipient);
     EXPECT_FALSE(txrx.receive(200ms).has_value());
 }
 
-TEST_F(HandOffTest, RefusedRequestSendsNothingNotEvenThePreviousJob) {
+TEST_F(HandOffTest, UnopenedRequestHandsThePreviousJobOverAgainRefusedOnesNothing) {
     ASSERT_TRUE(txrx.ok());
     rt.no_of_modems = 1;
-    sender.hand_off_job("send-sms " + request("ok", build_request_file("a", "t", "1^|^", "", "")));
-    auto got = txrx.receive();
-    ASSERT_TRUE(got);
-    rt.job_outstanding = 0;
-    sender.hand_off_job("send-sms " + dir / "tmp/missing");
-    sender.hand_off_job("send-sms /etc/passwd");
+    sender.hand_off_job("send-sms " + dir / "tmp/missing");  // no previous job yet
     EXPECT_FALSE(txrx.receive(200ms).has_value());
-    EXPECT_EQ(rt.job_outstanding, 0);
+    sender.hand_off_job("send-sms " + request("ok", encode_request_file("a", "t", "1^|^", "", "")));
+    auto first = txrx.receive();
+    ASSERT_TRUE(first);
+    link.job_done();
+    sender.hand_off_job("send-sms " + dir / "tmp/missing");
+    auto again = txrx.receive();
+    ASSERT_TRUE(again);
+    EXPECT_EQ(*again, *first);
+    EXPECT_TRUE(link.job_outstanding());
+    link.job_done();
+    test::write_file(dir / "etc/req", encode_request_file("a", "t", "2^|^", "", ""));
+    for (const std::string& refused : {dir / "etc/req", std::string("/etc/passwd"),
+                                       dir / "tmp/../etc/req", std::string("tmp/missing")})
+        sender.hand_off_job("send-sms " + refused);
+    EXPECT_FALSE(txrx.receive(200ms).has_value());
+    EXPECT_FALSE(link.job_outstanding());
 }
 
 TEST_F(HandOffTest, ReplyToPeerUsesThePeerPort) {
-    test::UdpListener peer{rt.ports.lb() + 100};
+    const int port = rt.ports.lb() + 100;
+    test::UdpListener peer{port};
     ASSERT_TRUE(peer.ok());
-    rt.peer_addr.sin_port = htons(static_cast<uint16_t>(rt.ports.lb() + 100));
-    sender.job_path = "/tmp/job-3";
-    sender.api_request = 1;
-    sender.reply_to_peer();
-    auto got = peer.receive();
-    ASSERT_TRUE(got);
-    EXPECT_EQ(*got, std::string("/tmp/job-3api") + std::string(1, '\0'));
-    EXPECT_EQ(sender.api_request, 0);
-    EXPECT_EQ(sender.peer_reply_count, 1);
+    PreparedJob job;
+    job.job_path = "/tmp/job-3";
+    job.api = true;
+    sender.reply_to_peer(job, static_cast<uint16_t>(port));
+    job.api = false;
+    sender.reply_to_peer(job, static_cast<uint16_t>(port));
+    auto api = peer.receive();
+    auto plain = peer.receive();
+    ASSERT_TRUE(api && plain);
+    EXPECT_EQ(*api, std::string("/tmp/job-3api") + std::string(1, '\0'));
+    EXPECT_EQ(*plain, "/tmp/job-3" + std::string(90, '\0'));
+    EXPECT_EQ(test::read_file(dir / "var/config/job_stats_file"), "-1\n2\n0");
 }
 
 TEST(SendText, TimeStampAndDashNumber) {

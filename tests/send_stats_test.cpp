@@ -26,11 +26,27 @@ struct StatsTest : ::testing::Test {
     int16_t status_at(size_t record) { return test::i16_at(api(), 8 + 60 * record); }
 };
 
-TEST_F(StatsTest, JobStatsHaveNoFinalNewline) {
-    write_job_stats(rt, 0, 0, 1);
-    EXPECT_EQ(test::read_file(dir / "var/config/job_stats_file"), "0\n0\n1");
-    write_job_stats(rt, -3, 12, 7);
-    EXPECT_EQ(test::read_file(dir / "var/config/job_stats_file"), "-3\n12\n7");
+TEST_F(StatsTest, JobCountersRewriteTheirFileOnEveryReportedChange) {
+    JobCounters counters(rt);
+    const std::string path = dir / "var/config/job_stats_file";
+    struct Step {
+        void (JobCounters::*change)();
+        std::string file;
+    } steps[] = {
+        {&JobCounters::job_queued, "2\n0\n0"},       {&JobCounters::handed_off, "1\n0\n1"},
+        {&JobCounters::replied_to_peer, "0\n1\n1"},  {&JobCounters::handed_off, "-1\n1\n2"},
+        {&JobCounters::request_arrived, "-1\n1\n2"}, {&JobCounters::job_queued, "1\n1\n2"},
+        {&JobCounters::reset_jobs, "1\n1\n2"},       {&JobCounters::handed_off, "-1\n1\n3"},
+        {&JobCounters::queue_drained, "0\n1\n3"},
+    };
+    for (const auto& step : steps) {
+        (counters.*step.change)();
+        EXPECT_EQ(test::read_file(path), step.file);
+    }
+    // A file changed behind the counters' back is rewritten.
+    test::write_file(path, "junk");
+    counters.queue_drained();
+    EXPECT_EQ(test::read_file(path), "0\n1\n3");
 }
 
 TEST_F(StatsTest, SmsCountersAreAddressedByOffset) {
@@ -76,21 +92,19 @@ TEST_F(StatsTest, ApiStatusNeverLeavesAGap) {
     EXPECT_EQ(set_api_status(rt, 1, 2), 0);
 }
 
-TEST_F(StatsTest, SlaveResultIsRecordedOnlyWithStatusSix) {
+TEST_F(StatsTest, PeerResultIsRecordedOnlyWithStatusSix) {
     api_records({4, 5});
-    rt.slave_address = 0x0500000a;
-    rt.slave_result = 9;
-    set_api_status(rt, 5, 6);
-    set_api_status(rt, 4, 7);
-    std::string s = api();
-    EXPECT_EQ(static_cast<uint32_t>(test::i32_at(s, 4 + 60 + 52)), 0x0500000au);
-    EXPECT_EQ(test::i32_at(s, 4 + 60 + 56), 9);
-    EXPECT_EQ(test::i32_at(s, 4 + 52), 0);
-    EXPECT_EQ(test::i32_at(s, 4 + 56), 0);
-    int32_t words[11];
-    ASSERT_TRUE(get_api_time(rt, 5, words));
-    EXPECT_GE(words[5], 100);  // years since 1900
-    EXPECT_FALSE(get_api_time(rt, 6, words));
+    const PeerResult peer{0x0500000a, 9};
+    set_api_status(rt, 5, kApiSentByPeer, peer);
+    set_api_status(rt, 4, kApiRefusedByPeer, peer);
+    auto sent = decode_api_stat_record(api().substr(64));
+    auto refused = decode_api_stat_record(api().substr(4));
+    EXPECT_EQ(sent->peer_address, 0x0500000au);
+    EXPECT_EQ(sent->peer_result, 9);
+    EXPECT_EQ(refused->status, kApiRefusedByPeer);
+    EXPECT_EQ(refused->peer_address, 0u);
+    EXPECT_EQ(refused->peer_result, 0);
+    EXPECT_GE(sent->time[5], 100);  // years since 1900
 }
 
 }  // namespace

@@ -12,6 +12,7 @@
 #include "addressbook/address_book.h"
 #include "commands/rule_lists.h"
 #include "common/runtime.h"
+#include "formats/request_file.h"
 #include "jobs/job_queue.h"
 #include "send/sender.h"
 #include "send/stats.h"
@@ -47,7 +48,7 @@ class ActionsTest : public ::testing::Test {
         test::prepare_root(dir.path());
         ASSERT_TRUE(ensure_sms_stats_file(rt));
         ASSERT_TRUE(queue.try_init_job_pos_table());
-        queue.sleep_seconds = [](unsigned) {};
+        queue.set_pause([](unsigned) {});
         write("var/config/trigger_ctrl",
               rec("^|^Add^|^ADDENTRY^|^NO^|^") + rec("^|^Grp^|^ADDGROUP^|^NO^|^") +
                   rec("^|^Pre^|^ADDPRECONFSMS^|^NO^|^") + rec("^|^Del^|^DELENTRY^|^NO^|^") +
@@ -82,12 +83,13 @@ class ActionsTest : public ::testing::Test {
     }
     int api_status(int32_t id) { return api_status_of(read("var/config/api_stat.st"), id); }
     std::string reply_text() const {
-        const auto& r = triggers->action_reply();
-        return std::string(r.data(), strnlen(r.data(), r.size()));
+        const std::string& r = triggers->action_reply();
+        EXPECT_EQ(r.size(), 100u);
+        return r.substr(0, r.find('\0'));
     }
     std::string request_file(const std::string& name, const std::string& text) {
         std::string path = dir / ("tmp/" + name);
-        write_file(path, build_request_file("admin", text, "", "", ""));
+        write_file(path, encode_request_file("admin", text, "", "", ""));
         return path;
     }
 
@@ -95,14 +97,15 @@ class ActionsTest : public ::testing::Test {
     Runtime rt{dir.path(), test::random_port_offset()};
     AddressBook ab{rt.reply_buffer};
     RuleLists rules{rt};
-    Sender sender{rt, ab};
+    TxrxLink link{rt.ports};
+    Sender sender{rt, ab, link};
     JobQueue queue{rt, sender};
     std::unique_ptr<Triggers> triggers;
 };
 
 TEST_F(ActionsTest, StatisticsCountTriggersAndCommands) {
     staff_group();
-    rt.job_outstanding = 1;  // keep the broadcast in the queue
+    link.job_handed_over();  // keep the broadcast in the queue
     struct Step {
         std::string message;
         int action, received, acted;
@@ -195,7 +198,7 @@ TEST_F(ActionsTest, ApiStatusLines) {
 TEST_F(ActionsTest, BroadcastIsSentToTheGroupMembers) {
     staff_group();
     EXPECT_EQ(triggers->getactionobject(sms("+4999", "open")), 0);
-    EXPECT_EQ(rt.job_outstanding, 1);
+    EXPECT_TRUE(link.job_outstanding());
     std::string job = reply_text();
     ASSERT_EQ(job.rfind(dir / "tmp/", 0), 0u) << job;
     std::string body = test::read_file(job);
@@ -209,34 +212,28 @@ TEST_F(ActionsTest, BroadcastIsSentToTheGroupMembers) {
     EXPECT_FALSE(exists(dir / "var/run/pending_jobs"));
 
     // A broadcast to a missing group makes no job.
-    rt.job_outstanding = 0;
+    link.job_done();
     EXPECT_EQ(triggers->getactionobject(sms("+4999", "Ghost")), 0);
-    EXPECT_EQ(rt.job_outstanding, 0);
+    EXPECT_FALSE(link.job_outstanding());
     EXPECT_EQ(reply_text(), "");
 }
 
 TEST_F(ActionsTest, BroadcastWaitsInTheQueueWhileAJobIsOutstanding) {
     staff_group();
-    rt.job_outstanding = 1;
+    link.job_handed_over();
     EXPECT_EQ(triggers->getactionobject(sms("+4999", "Open")), 0);
-    EXPECT_EQ(reply_text(), "");
-    const auto& reply = triggers->action_reply();
-    EXPECT_TRUE(std::all_of(reply.begin(), reply.end(), [](char c) { return c == 0; }));
-    std::string queued = read("var/Jobs/Pending_Jobs_1");
-    const std::string group = "Staff]|[";
-    ASSERT_EQ(queued.size(), 108u + 210u + group.size());
-    EXPECT_EQ(queued.substr(0, 12), padded("<JB/SRT>", 12));
-    EXPECT_EQ(i32_at(queued, 12), static_cast<int32_t>(210 + group.size()));
-    EXPECT_EQ(queued.substr(20, 10), padded("ISBRDTRIG", 10));
-    EXPECT_EQ(queued.substr(108), padded("+4999", 50) + padded("Doors open", 160) + group);
+    EXPECT_EQ(triggers->action_reply(), std::string(100, '\0'));
+    const std::string body = encode_broadcast_body({"+4999", "Staff]|[", "Doors open"});
+    EXPECT_EQ(read("var/Jobs/Pending_Jobs_1"),
+              encode_job_header(static_cast<int32_t>(body.size()), 0, "ISBRDTRIG") + body);
     EXPECT_FALSE(exists(dir / "var/run/pending_jobs"));
 
     // The scheduler feeds it back once txrx is done, and txrx gets the job.
     UdpListener txrx(rt.ports.txrx_out());
     ASSERT_TRUE(txrx.ok());
-    rt.job_outstanding = 0;
+    link.job_done();
     queue.create_job_from_pending_jobs(0);
-    EXPECT_EQ(rt.job_outstanding, 1);
+    EXPECT_TRUE(link.job_outstanding());
     auto datagram = txrx.receive();
     ASSERT_TRUE(datagram);
     ASSERT_EQ(datagram->size(), 100u);
@@ -282,15 +279,14 @@ TEST_F(ActionsTest, ApiBroadcastTriggerGoesToTxrx) {
     ASSERT_EQ(text.rfind("api " + (dir / "tmp/"), 0), 0u) << text;
     EXPECT_EQ(text.substr(text.size() - 2), "-7");
     EXPECT_EQ(test::read_file(text.substr(4)).substr(0, 160), padded("Doors open", 160));
-    EXPECT_EQ(rt.job_outstanding, 1);
-    EXPECT_EQ(api_status(7), 2);
-    EXPECT_EQ(rt.api_trigger.pending, 0);
+    EXPECT_TRUE(link.job_outstanding());
+    EXPECT_EQ(api_status(7), kApiTaken);
     EXPECT_FALSE(exists(path));
 }
 
 TEST_F(ActionsTest, ApiBroadcastTriggerIsQueuedWithItsUser) {
     staff_group();
-    rt.job_outstanding = 1;
+    link.job_handed_over();
     std::string path = request_file("req-42", "Open");
     EXPECT_EQ(triggers->api_ProcessTrigs("send-sms api2 " + path), 1);
     std::string queued = read("var/Jobs/Pending_Jobs_1");
@@ -302,17 +298,17 @@ TEST_F(ActionsTest, ApiBroadcastTriggerIsQueuedWithItsUser) {
 TEST_F(ActionsTest, RefusedRequestFilesAreLeftAlone) {
     api_records({1});
     std::string outside = dir / "elsewhere/req-1";
-    write_file(outside, build_request_file("admin", "Add:Mal;+4966", "", "", ""));
-    std::string link = dir / "tmp/req-1";
-    ASSERT_EQ(::symlink(outside.c_str(), link.c_str()), 0);
-    const std::string refused[] = {outside, link, dir / "tmp/../elsewhere/req-1", "tmp/req-1",
+    write_file(outside, encode_request_file("admin", "Add:Mal;+4966", "", "", ""));
+    std::string link_path = dir / "tmp/req-1";
+    ASSERT_EQ(::symlink(outside.c_str(), link_path.c_str()), 0);
+    const std::string refused[] = {outside, link_path, dir / "tmp/../elsewhere/req-1", "tmp/req-1",
                                    dir / "tmp/missing-1"};
     for (const auto& p : refused) {
         SCOPED_TRACE(p);
         EXPECT_EQ(triggers->api_ProcessTrigs("send-sms api3 " + p), 1);
     }
     EXPECT_TRUE(exists(outside));
-    EXPECT_TRUE(exists(link));
+    EXPECT_TRUE(exists(link_path));
     EXPECT_EQ(ab.ab_find("Mal"), nullptr);
     EXPECT_EQ(api_status(1), 1);
 }

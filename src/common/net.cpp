@@ -53,19 +53,6 @@ bool set_nonblocking(int fd) {
     return flags >= 0 && ::fcntl(fd, F_SETFL, flags | O_NONBLOCK) == 0;
 }
 
-Fd forwarding_socket(Runtime& rt, uint16_t port) {
-    rt.peer_addr.sin_port = htons(port);
-    rt.peer_addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    rt.peer_addr.sin_family = AF_INET;
-    Fd fd(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    if (!fd) return fd;
-    sockaddr_in any{};
-    any.sin_family = AF_INET;
-    any.sin_addr.s_addr = htonl(INADDR_ANY);
-    if (::bind(fd.get(), reinterpret_cast<sockaddr*>(&any), sizeof any) != 0) return Fd();
-    return fd;
-}
-
 ssize_t send_udp(uint16_t port, const void* data, size_t len) {
     Fd fd(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     if (!fd) return -1;

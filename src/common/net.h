@@ -20,10 +20,6 @@ Fd bind_udp(uint16_t port);
 Fd bind_unix_dgram(const std::string& path);
 bool set_nonblocking(int fd);
 
-// Forwarding socket: points rt.peer_addr at 127.0.0.1:port (as the daemon
-// always did) and returns a fresh UDP socket bound to any address, port 0.
-Fd forwarding_socket(Runtime& rt, uint16_t port);
-
 // Sends one datagram to 127.0.0.1:port from a fresh socket. Result of sendto.
 ssize_t send_udp(uint16_t port, const void* data, size_t len);
 

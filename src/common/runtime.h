@@ -1,7 +1,6 @@
-// The daemon context shared by the subsystems: where files live, which
-// ports are used, and the few process-wide values the loop, the send path,
-// the job queue and the trigger handlers all read and write. main() creates
-// one; a test creates a fresh one.
+// The daemon's configuration shared by the subsystems: where files live,
+// which ports are used, where request files may come from, and what
+// start-up found. main() creates one; a test creates a fresh one.
 #pragma once
 
 #include <netinet/in.h>
@@ -29,15 +28,6 @@ struct Ports {
     uint16_t port(int base) const { return static_cast<uint16_t>(base + offset); }
 };
 
-// State of an API trigger request ("api2"), read when a broadcast job is
-// queued and cleared after its hand-off.
-struct ApiTriggerState {
-    int pending = 0;          // `api_trigger_pending`
-    int id = 0;               // `api_trigger_id`
-    std::string job_id_text;  // `api_job_id_text`
-    std::string sender;       // `api_sender` (at most 49 characters)
-};
-
 struct Runtime {
     explicit Runtime(std::string root = "/", int port_offset = 0) : paths(std::move(root)) {
         ports.offset = port_offset;
@@ -56,19 +46,9 @@ struct Runtime {
         return spool_dirs.empty() ? path("/tmp") : spool_dirs.front();
     }
 
-    int no_of_modems = 0;
-    sockaddr_in peer_addr{};  // sender of the datagram read last
-    int sql_sms_fd = -1;      // source socket of database notices (owned by core)
+    int no_of_modems = 0;  // modems found at start-up
+    int sql_sms_fd = -1;   // source socket of database notices (owned by core)
 
-    int job_outstanding = 0;     // a job handed to txrx is not reported done yet
-    int txrx_hold = 0;           // no action reply is forwarded to txrx while set
-    int jobs_to_txrx_count = 1;  // job statistics counter (SIGUSR2 resets it)
-    int txrx_enabled = 1;        // 0 while a dial-out holds the modem
-
-    uint32_t slave_address = 0;  // last load-balancer result, network order
-    int32_t slave_result = 0;
-
-    ApiTriggerState api_trigger;
     ReplyBuffer reply_buffer;  // the parser's shared reply text
 };
 

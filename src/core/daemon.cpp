@@ -20,7 +20,6 @@
 
 #include "addressbook/address_book_files.h"
 #include "addressbook/csv.h"
-#include "common/bytes.h"
 #include "common/fileops.h"
 #include "common/net.h"
 #include "common/spawn.h"
@@ -28,6 +27,7 @@
 #include "common/timer.h"
 #include "common/trace.h"
 #include "core/signals.h"
+#include "formats/txrx_report.h"
 #include "jobs/load_balancer.h"
 #include "send/stats.h"
 
@@ -35,7 +35,6 @@ namespace smsgw {
 
 namespace {
 
-constexpr size_t kTxrxReportMax = 210;
 constexpr size_t kLengthDatagramMax = 6;
 constexpr long kRequestMax = 65507;  // largest UDP payload
 constexpr size_t kReplyMax = 599;
@@ -87,8 +86,9 @@ SmsGateway::SmsGateway(std::string root, int port_offset, std::vector<std::strin
     : rt_(std::move(root), port_offset),
       ab_(rt_.reply_buffer),
       rules_(rt_),
+      link_(rt_.ports),
       parser_(rt_, ab_, rules_, dialing_),
-      sender_(rt_, ab_),
+      sender_(rt_, ab_, link_),
       queue_(rt_, sender_),
       triggers_(rt_, ab_, rules_, sender_, queue_),
       txrx_(rt_),
@@ -169,7 +169,7 @@ void SmsGateway::start_waiting_on_select() {
         if (stop_requested()) return;
         apply_signals();
 
-        if (rt_.job_outstanding == 0) queue_.create_job_from_pending_jobs(0);
+        if (!link_.job_outstanding()) queue_.create_job_from_pending_jobs(0);
         if (take_save_request()) {
             save_address_book_on_request();
             continue;
@@ -186,7 +186,7 @@ void SmsGateway::start_waiting_on_select() {
 
 // The handlers only raised flags; their work happens here, between passes.
 void SmsGateway::apply_signals() {
-    if (take_counter_reset()) rt_.jobs_to_txrx_count = 0;
+    if (take_counter_reset()) sender_.counters().reset_jobs();
     if (take_time_client_alarm()) {
         txrx_.track(spawn_program({rt_.path("/bin/msntp")}));
     }
@@ -217,7 +217,7 @@ ssize_t SmsGateway::receive(int fd, void* buf, size_t len, int flags) {
     socklen_t from_len = sizeof from;
     ssize_t n = ::recvfrom(fd, buf, len, flags, reinterpret_cast<sockaddr*>(&from), &from_len);
     // Whoever sent the datagram read last gets the next reply.
-    if (n >= 0 && from_len == sizeof from && from.sin_family == AF_INET) rt_.peer_addr = from;
+    if (n >= 0 && from_len == sizeof from && from.sin_family == AF_INET) peer_addr_ = from;
     return n;
 }
 
@@ -225,24 +225,17 @@ void SmsGateway::handle_txrx_report() {
     char report[kTxrxReportMax + 1] = {};
     ssize_t n = receive(ep_.txrx_in.get(), report, kTxrxReportMax);
     trace("Read something - fd - %d - n - %d\n", ep_.txrx_in.get(), static_cast<int>(n));
-    if (n <= 0) {
-        rt_.job_outstanding = 0;
+    if (n < 0) {
+        link_.job_done();
         return;
     }
     trace("Received from txrx = %s\n", report);
-    if (std::strncmp(report, "P_JB", 4) == 0) {
-        rt_.job_outstanding = 0;
+    const TxrxReport decoded = decode_txrx_report(std::string_view(report, static_cast<size_t>(n)));
+    if (decoded.job_done) {
+        link_.job_done();
         return;
     }
-    // The first four bytes are the report's tag; the record may hold NULs.
-    const size_t len = static_cast<size_t>(n);
-    std::string_view incoming(report + std::min<size_t>(4, len), len > 4 ? len - 4 : 0);
-    if (triggers_.getactionobject(incoming) != 0 || rt_.txrx_hold != 0) return;
-    Fd fwd = forwarding_socket(rt_, rt_.ports.txrx_out());
-    if (!fwd) return;
-    const auto& reply = triggers_.action_reply();
-    ::sendto(fwd.get(), reply.data(), reply.size(), 0,
-             reinterpret_cast<const sockaddr*>(&rt_.peer_addr), sizeof rt_.peer_addr);
+    if (triggers_.getactionobject(decoded.message) == 0) link_.send(triggers_.action_reply());
 }
 
 SmsGateway::PassEnd SmsGateway::handle_load_balancer() {
@@ -250,7 +243,9 @@ SmsGateway::PassEnd SmsGateway::handle_load_balancer() {
     ssize_t n = receive(ep_.lb.get(), message, sizeof message);
     if (n <= 0) return PassEnd::EndPass;
     std::string_view text(message, static_cast<size_t>(n));
-    return handle_load_balancer_message(text, rt_, queue_) ? PassEnd::EndPass : PassEnd::Continue;
+    return handle_load_balancer_message(text, ntohs(peer_addr_.sin_port), rt_, queue_)
+               ? PassEnd::EndPass
+               : PassEnd::Continue;
 }
 
 void SmsGateway::handle_gui_request() {
@@ -267,8 +262,6 @@ void SmsGateway::handle_gui_request() {
     const std::string& request = *framed;
     trace("---%s---", request.c_str());
 
-    // Handlers may point peer_addr at txrx; the reply goes to the requester.
-    const sockaddr_in requester = rt_.peer_addr;
     std::string reply;
     bool answer = true;
     if (starts_with(request, "send-sms")) {
@@ -285,7 +278,6 @@ void SmsGateway::handle_gui_request() {
         reply = parser_.parse_command(request);
     }
     parser_.release_token();
-    rt_.peer_addr = requester;
     if (answer) send_gui_reply(reply);
 }
 
@@ -330,12 +322,12 @@ bool SmsGateway::on_send_sms(const std::string& request, std::string& reply) {
         reply = "OK";
         return true;
     }
-    if (rt_.job_outstanding == 1) {
+    if (link_.job_outstanding()) {
         queue_.add_to_pending_jobs(request);
         reply = "OK";
         return true;
     }
-    ++rt_.jobs_to_txrx_count;
+    sender_.counters().request_arrived();
     sender_.hand_off_job(request);
     reply.clear();
     return true;
@@ -379,7 +371,7 @@ bool SmsGateway::on_dialout_request(std::string& reply) {
             std::this_thread::sleep_for(std::chrono::milliseconds(20));
         ::waitpid(pid, nullptr, WNOHANG);
     }
-    rt_.txrx_enabled = 0;
+    txrx_.set_enabled(false);
     return true;
 }
 
@@ -387,14 +379,14 @@ bool SmsGateway::on_dialout_release(std::string& reply) {
     reply.clear();
     install_child_handler();
     txrx_.spawn_txrx_for_each_modem();
-    rt_.txrx_enabled = 1;
+    txrx_.set_enabled(true);
     return true;
 }
 
 void SmsGateway::send_gui_reply(std::string_view reply) {
     const size_t len = std::min(reply.size(), kReplyMax);
-    ::sendto(ep_.gui.get(), reply.data(), len, 0, reinterpret_cast<const sockaddr*>(&rt_.peer_addr),
-             sizeof rt_.peer_addr);
+    ::sendto(ep_.gui.get(), reply.data(), len, 0, reinterpret_cast<const sockaddr*>(&peer_addr_),
+             sizeof peer_addr_);
 }
 
 }  // namespace smsgw

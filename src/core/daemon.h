@@ -22,6 +22,7 @@
 #include "commands/intl_dialing.h"
 #include "commands/rule_lists.h"
 #include "common/runtime.h"
+#include "common/txrx_link.h"
 #include "core/endpoints.h"
 #include "core/modems.h"
 #include "core/startup.h"
@@ -75,6 +76,7 @@ class SmsGateway {
     AddressBook ab_;
     RuleLists rules_;
     DialingSegment dialing_;
+    TxrxLink link_;
     CommandParser parser_;
     Sender sender_;
     JobQueue queue_;
@@ -84,6 +86,7 @@ class SmsGateway {
     SmsUsers sms_users_;
     int maxfd_ = -1;
     std::vector<char> datagram_;  // a web-interface datagram on its way in
+    sockaddr_in peer_addr_{};     // sender of the datagram read last: replies go there
 };
 
 }  // namespace smsgw

@@ -187,7 +187,7 @@ std::vector<pid_t> TxrxSupervisor::spawn_txrx_for_each_modem() {
 }
 
 bool TxrxSupervisor::txrx_monitor() {
-    if (rt_.txrx_enabled == 0) return false;
+    if (!txrx_enabled_) return false;
     pid_t pid = read_pid_file(rt_.path("/var/run/txrx_pid_file"));
     bool restarted = false;
     if (pid > 0) {

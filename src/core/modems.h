@@ -61,11 +61,15 @@ class TxrxSupervisor {
     // that outlast `grace`; all are reaped.
     void stop_children(std::chrono::milliseconds grace = std::chrono::seconds(3));
 
+    // A dial-out holds the modem: txrx_monitor restarts nothing meanwhile.
+    void set_enabled(bool enabled) { txrx_enabled_ = enabled; }
+
   private:
     void reap_exited(pid_t keep);
 
     const Runtime& rt_;
     std::vector<pid_t> children_;
+    bool txrx_enabled_ = true;
 };
 
 // The text between the parentheses of the "State:" line of a

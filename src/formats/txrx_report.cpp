@@ -17,12 +17,14 @@ std::string encode_job_done_report() {
     return std::string(kJobDone);
 }
 
+std::string encode_incoming_sms(std::string_view sender, std::string_view text) {
+    std::string sms(IncomingSms::kSenderSize, '\0');
+    copy_field(sms.data(), sms.size(), sender);
+    return sms.append(text);
+}
+
 std::string encode_incoming_report(std::string_view sender, std::string_view text) {
-    std::string report(kSmsTag);
-    report.resize(kSmsTag.size() + IncomingSms::kSenderSize, '\0');
-    copy_field(report.data() + kSmsTag.size(), IncomingSms::kSenderSize, sender);
-    report.append(text);
-    return report;
+    return std::string(kSmsTag) + encode_incoming_sms(sender, text);
 }
 
 std::string encode_api_status_report(std::string_view file, int status) {

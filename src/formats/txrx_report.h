@@ -24,7 +24,10 @@ inline constexpr size_t kTxrxReportMax = 210;
 inline constexpr size_t kReportTagSize = 4;
 
 std::string encode_job_done_report();
-// "SMS:" as the tag, the sender cut to 49 characters.
+// An incoming SMS record: the sender cut to 49 characters and NUL-padded,
+// then the text.
+std::string encode_incoming_sms(std::string_view sender, std::string_view text);
+// The same behind "SMS:" as the tag.
 std::string encode_incoming_report(std::string_view sender, std::string_view text);
 std::string encode_api_status_report(std::string_view file, int status);
 

@@ -1,14 +1,19 @@
 // The job queue: a ring of nine pending-job files "/var/Jobs/Pending_Jobs_N",
-// the side file "/var/Jobs/PerModem_PendingJob", the 44-byte position table
-// "/var/Jobs/pos_offset" (mapped shared) and the scheduler that feeds one job
-// at a time to txrx.
+// the side file "/var/Jobs/PerModem_PendingJob", the position table
+// "/var/Jobs/pos_offset" (formats/position_table.h, mapped shared) and the
+// scheduler that feeds one job at a time to txrx.
 //
-// Each pending file is a run of job records: a JobHeader, then job_ln body
-// bytes (the request file, or a queued broadcast body).
+//   writer (L_POS) appends ──> Pending_Jobs_1 .. Pending_Jobs_9 ──> reader (P_POS)
+//                              (ring: after file 9 comes file 1)
+//
+// Each pending file is a run of job records: a JobHeader
+// (formats/job_header.h), then job_ln body bytes (the request file, or a
+// queued broadcast body, formats/broadcast_record.h).
 #pragma once
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -17,6 +22,7 @@
 #include "common/runtime.h"
 #include "formats/broadcast_record.h"
 #include "formats/job_header.h"
+#include "formats/position_table.h"
 #include "send/sender.h"
 
 namespace smsgw {
@@ -26,17 +32,28 @@ namespace smsgw {
 // were appended.
 bool copy_job_body(int out_fd, const std::string& path, long long length);
 
-// What the trigger send action did with the current broadcast record.
+// A broadcast started by an API request: its id and user travel in the job
+// line ("ISBRDTRIGapi" ID "-" USER).
+struct ApiOrigin {
+    int id = 0;
+    std::string user;
+};
+
+// What the trigger send action did with a broadcast.
 struct SendActionResult {
     bool queued = false;       // put back into the queue instead of sent
     std::string request_file;  // the prepared job path for txrx when sent
 };
 
+// The trigger send action (action 0): mode 0 or 1 as the scheduler runs,
+// the broadcast taken from the queue and, for one from the API, its origin.
+using SendAction = std::function<SendActionResult(int mode, const BroadcastRecord& record,
+                                                  const std::optional<ApiOrigin>& api)>;
+
 class JobQueue {
   public:
     static constexpr long kRotateSize = 524288;
     static constexpr long MAX_JOBS_FILE_LN = 4194304;
-    static constexpr size_t kHeaderSize = 108;
 
     // REQUIRES: rt and sender outlive the queue.
     JobQueue(Runtime& rt, Sender& sender);
@@ -48,6 +65,8 @@ class JobQueue {
     // not run without it; try_init reports failure instead (tests).
     void init_job_pos_table();
     bool try_init_job_pos_table();
+    // Loading clamps an index outside the ring to 0 and a negative total to
+    // 0, so a damaged table never names a file outside the ring.
     void load_job_pos_table();
     void update_job_pos_table(int32_t length, int file_index);
     // 1 when the file cannot be opened, else 0.
@@ -60,77 +79,78 @@ class JobQueue {
 
     // A request file named in the line must pass the sender's request-file
     // policy; a refused one makes no record and is left alone.
-
     void add_to_pending_jobs(std::string_view line);
-    void add_to_pending_jobs_broadcasttrigger(const std::string* path, long length);
+    void add_to_pending_jobs_broadcasttrigger(const std::string* path, long length,
+                                              const std::optional<ApiOrigin>& api = std::nullopt);
     // 0, or -1 on any failure.
     int add_to_permodem_pending_jobs(std::string_view line);
 
     // Takes at most one job: mode 0 hands it to txrx (nothing while a job is
-    // outstanding), mode 1 answers the peer that asked for work.
-    void create_job_from_pending_jobs(int mode);
+    // outstanding), mode 1 answers the peer that asked for work, at its port.
+    void create_job_from_pending_jobs(int mode, uint16_t peer_port = 0);
 
-    // The trigger send action (action 0), run by the scheduler on
-    // current_broadcast. Installed by whoever owns the trigger handlers.
-    std::function<SendActionResult(int mode)> send_action;
-    std::optional<BroadcastRecord> current_broadcast;
-
-    // Broadcast jobs that came from the API.
-    int api_job = 0;
-    std::string api_request_id_text = "0";
-    std::string api_user = "admin";
-
-    // Working copies of the table. Loading clamps an index outside 0-8 to 0
-    // and a negative total to 0, so a damaged table never names a file
-    // outside the ring. The queued-job counter of the statistics is
-    // rt.jobs_to_txrx_count: queueing adds one, a hand-off takes one, a
-    // drained queue resets it to 0.
-    int P_POS = 0;
-    int L_POS = 0;
-    long TOTAL_SIZE = 0;
-    int32_t l_job_ln[9] = {};
-    long A_sz = 0;
-    int job_full = 0;
-    int permodem_pending = 0;
-    int permodem_written = 0;
-
-    std::string pending_file(int index) const;  // real path of file index 0-8
-
+    // Installed by whoever owns the trigger handlers; without it a queued
+    // broadcast is consumed unsent.
+    void set_send_action(SendAction action) { send_action_ = std::move(action); }
     // The pause after a job file empties gives txrx time before the next
     // job; replaceable so tests can observe it without waiting.
-    std::function<void(unsigned seconds)> sleep_seconds;
+    void set_pause(std::function<void(unsigned seconds)> pause) { pause_ = std::move(pause); }
+
+    // The working copy of the position table (indices, total, lengths).
+    PositionTable position() const;
+    // A job was refused for a full queue since the reader last moved on.
+    bool job_full() const { return job_full_; }
+    std::string pending_file(int index) const;  // real path of file index 0-8
 
   private:
     struct Mapping;
+    struct TakenJob;
+
+    static int next_file(int index) { return index + 1 < PositionTable::kFiles ? index + 1 : 0; }
     std::string permodem_file() const;
-    void store_table() { update_job_pos_table(l_job_ln[P_POS], P_POS); }
+    void store_table() { update_job_pos_table(l_job_ln_[P_POS_], P_POS_); }
     void advance_read_index();
     void queue_drained();
     // Drops the front of a damaged read file at `cut` (0: nothing).
     void cut_front(const std::string& path, long long cut);
-    void take_broadcast(FILE* job_file, const JobHeader& h, int mode);
-    // Removes the consumed record and stores the table.
-    void bookkeeping(int mode, const JobHeader& h, bool from_permodem);
-    int write_permodem_request(const std::string& path);
-    // The queue is over its limit: "/var/Jobs/jobfull" marks it, and an api
-    // request (request file `api_path`) is told so.
-    void note_queue_full(const std::string* api_path);
-    // `target` opened for appending a request's record, or nothing when it
-    // cannot be opened or the queue is over its limit; the request file is
-    // then deleted (an api request is told the queue is full).
+
+    // The appenders' shared steps.
+    int rotate_write_file();
     Fd open_for_request(const std::string& target, long long body, const std::string& request_file,
                         bool api);
-    // Appends one record to `out`: the header, then the body copied from
-    // `body_path`, synced. A failed header cuts `target`, a failed body
-    // `body_rollback`, back to `old_size`.
+    void note_queue_full(const std::string* api_path);
     bool append_record(Fd& out, std::string_view header, const std::string& body_path,
                        int32_t job_ln, const std::string& target, const std::string& body_rollback,
                        long long old_size);
-    void count_queued_job();
+
+    // The scheduler's steps.
+    void take_permodem_job();
+    std::optional<TakenJob> take_ring_job();
+    void report_corrupted(int32_t job_ln);
+    void dispatch_request(TakenJob& job, int mode, uint16_t peer_port);
+    void take_broadcast(TakenJob& job, int mode, uint16_t peer_port);
+    void hand_broadcast_to_txrx(const BroadcastRecord& record, const std::optional<ApiOrigin>& api);
+    void serve_peer_broadcast(const BroadcastRecord& record, const std::optional<ApiOrigin>& api,
+                              uint16_t peer_port);
+    int write_permodem_request(const BroadcastRecord& record, const std::string& path);
+    // Removes the consumed record and stores the table.
+    void bookkeeping(int mode, const JobHeader& h, bool from_permodem);
 
     Runtime& rt_;
     Sender& sender_;
     std::unique_ptr<Mapping> map_;
+    SendAction send_action_;
+    std::function<void(unsigned)> pause_;
+
+    // Working copies of the table.
+    int P_POS_ = 0;
+    int L_POS_ = 0;
+    long TOTAL_SIZE_ = 0;
+    int32_t l_job_ln_[PositionTable::kFiles] = {};
+    long A_sz_ = 0;  // length of the last record of the read file, for the repair walk
+    bool job_full_ = false;
+    bool permodem_pending_ = false;
+    bool permodem_written_ = false;
 };
 
 }  // namespace smsgw

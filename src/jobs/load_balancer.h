@@ -12,6 +12,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <string_view>
 
 #include "common/runtime.h"
@@ -22,13 +23,13 @@ namespace smsgw {
 // The longest message read from the peer; the text ends at its first NUL.
 constexpr size_t kLbMessageMax = 64;
 
-// Acts on one message. False when it carries no "LB_OK" (the loop pass then
-// goes on to the next endpoint).
-bool handle_load_balancer_message(std::string_view text, Runtime& rt, JobQueue& queue);
+// Acts on one message from the peer at `peer_port`. False when it carries
+// no "LB_OK" (the loop pass then goes on to the next endpoint).
+bool handle_load_balancer_message(std::string_view text, uint16_t peer_port, const Runtime& rt,
+                                  JobQueue& queue);
 
-// The slave's outbox record ends with its result: the first word holds the
-// offset of that field minus 4. Writes rt.slave_result there and passes the
-// record to the database.
-void outbox_slave_update(Runtime& rt);
+// Writes the peer's result into the slave's outbox record
+// "/var/Outbox/outbox_slave_tmp" and passes the record to the database.
+void outbox_slave_update(const Runtime& rt, int32_t result);
 
 }  // namespace smsgw

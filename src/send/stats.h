@@ -6,27 +6,55 @@
 #include <cstdint>
 
 #include "common/runtime.h"
+#include "formats/api_status.h"
+#include "formats/job_stats.h"
+#include "formats/sms_stats.h"
 
 namespace smsgw {
 
-// Rewrites the job statistics file: "%d\n%d\n%d", no final newline.
-void write_job_stats(const Runtime& rt, int a, int b, int c);
+// The job counters: the one place they change. Every change that the
+// statistics file reports rewrites it.
+class JobCounters {
+  public:
+    // REQUIRES: rt outlives the counters.
+    explicit JobCounters(const Runtime& rt) : rt_(rt) {}
+
+    // A send request is about to be handed over directly (not written yet).
+    void request_arrived() { ++stats_.jobs; }
+    void job_queued();
+    void handed_off();       // one hand-off datagram to txrx
+    void replied_to_peer();  // one job given to a peer that asked for work
+    void queue_drained();
+    // SIGUSR2: the job count starts again from 0 (written with the next change).
+    void reset_jobs() { stats_.jobs = 0; }
+
+    const JobStats& stats() const { return stats_; }
+
+  private:
+    void write() const;
+
+    const Runtime& rt_;
+    JobStats stats_{1, 0, 0};
+};
 
 // Creates "/var/config/sms_stats_file" as 24 zero bytes when it is missing.
 // False when it is missing and cannot be created.
 bool ensure_sms_stats_file(const Runtime& rt);
 
-// Adds one to the 32-bit counter at byte `offset` (16: triggers acted on,
-// 20: triggers received). Missing file or short read: nothing happens.
+// Adds one to the counter at byte `offset` (SmsStats::kTriggersActed,
+// SmsStats::kTriggersReceived). Missing file or short read: nothing happens.
 void count_sms_stat(const Runtime& rt, long offset);
 
-// Writes the status record of API request `id`; for status 6 the record
-// also carries rt.slave_address and rt.slave_result. 1 when written; 0 when
-// the file or its first record is missing, or the record would lie past the
-// end of the file.
-int set_api_status(const Runtime& rt, int id, int status);
+// What a load-balancer peer reported on an API request it took.
+struct PeerResult {
+    uint32_t address = 0;  // network byte order
+    int32_t value = 0;
+};
 
-// Copies the eleven time words of request `id`'s record; false when absent.
-bool get_api_time(const Runtime& rt, int id, int32_t out[11]);
+// Writes the status record of API request `id` (an ApiStatus code, or the
+// number an api status line carries). A status-6 record carries `peer`. 1
+// when written; 0 when the file or its first record is missing, or the
+// record would lie past the end of the file.
+int set_api_status(const Runtime& rt, int id, int status, const PeerResult& peer = {});
 
 }  // namespace smsgw

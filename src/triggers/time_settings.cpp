@@ -1,15 +1,11 @@
 #include "triggers/time_settings.h"
 
-#include <sys/stat.h>
-
-#include <vector>
-
-#include "common/bytes.h"
 #include "common/fileops.h"
 #include "common/spawn.h"
 #include "common/text.h"
 #include "common/timer.h"
 #include "common/trace.h"
+#include "formats/inbox_record.h"
 
 namespace smsgw {
 
@@ -30,22 +26,6 @@ std::string_view cut(std::string_view& rest, std::string_view ends) {
     std::string_view field = rest.substr(0, p);
     rest = p == std::string_view::npos ? std::string_view() : rest.substr(p + 1);
     return field;
-}
-
-struct InboxFields {
-    std::string_view sender, date, time, text;
-};
-
-// SENDER ^|^ DATE ^|^ TIME ^|^ TEXT; nullopt when a separator is missing.
-std::optional<InboxFields> split_record(std::string_view record) {
-    std::string_view parts[3];
-    for (auto& part : parts) {
-        size_t p = record.find(kSep);
-        if (p == std::string_view::npos) return std::nullopt;
-        part = record.substr(0, p);
-        record.remove_prefix(p + kSep.size());
-    }
-    return InboxFields{parts[0], parts[1], parts[2], record};
 }
 
 }  // namespace
@@ -73,26 +53,13 @@ std::optional<std::string> date_argument(std::string_view date_stamp, std::strin
 
 LoopBackTime read_loop_back_time(const std::string& inbox_path) {
     LoopBackTime out;
-    FilePtr in = open_file(inbox_path, "rb");
-    if (!in) return out;
+    const std::optional<std::string> bytes = read_file(inbox_path);
+    if (!bytes) return out;
     out.opened = true;
-    struct stat st {};
-    if (::fstat(::fileno(in.get()), &st) != 0) return out;
-    long long size = st.st_size;
-    long long pos = 0;
-    std::vector<char> buffer;
-    for (;;) {
-        unsigned char len_bytes[4];
-        if (std::fread(len_bytes, 1, 4, in.get()) != 4) break;
-        pos += 4;
-        int32_t length = get_i32(len_bytes);
-        trace("i - %d\n", length);
-        // A damaged length must not make us allocate or read beyond the file.
-        if (length <= 0 || length > size - pos) break;
-        buffer.resize(static_cast<size_t>(length));
-        if (std::fread(buffer.data(), 1, buffer.size(), in.get()) != buffer.size()) break;
-        pos += length;
-        auto fields = split_record(std::string_view(buffer.data(), buffer.size()));
+    std::string_view rest = *bytes;
+    while (auto record = next_inbox_record(rest)) {
+        trace("i - %d\n", static_cast<int>(record->size()));
+        auto fields = split_inbox_record(*record);
         if (!fields || !starts_with(fields->text, kLoopBack)) continue;
         out.found = true;
         out.date = date_argument(fields->date, fields->time);

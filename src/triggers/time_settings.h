@@ -2,9 +2,7 @@
 // begins with "TIMESETTINGS_LOOP_BACK_MSG", and when it comes back, the
 // service-centre time stamp stored with it in "/var/Inbox/smsinbox.dat"
 // becomes the system time.
-//
-// Inbox record: int32 length (host order), then that many bytes of text:
-// SENDER "^|^" yy/MM/dd "^|^" hh:mm:ss(+|-)zz "^|^" SMS TEXT.
+// The inbox records are those of formats/inbox_record.h.
 #pragma once
 
 #include <optional>

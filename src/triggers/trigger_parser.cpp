@@ -5,19 +5,16 @@
 #include <utility>
 
 #include "commands/rule_lists.h"
-#include "common/bytes.h"
 #include "common/fileops.h"
 #include "common/text.h"
 #include "common/trace.h"
+#include "formats/txrx_report.h"
 #include "triggers/authentication.h"
 
 namespace smsgw {
 
 namespace {
 
-constexpr size_t kSenderField = 50;
-constexpr size_t kTextOffset = 50;
-constexpr size_t kTextField = 161;
 constexpr std::string_view kFieldEnds = ":;\r\n";
 constexpr std::string_view kLineEnds = "\r\n";
 
@@ -57,33 +54,21 @@ class TraceFile {
     FilePtr file_;
 };
 
-ParsedMessage parse_api_status_line(std::string_view line) {
+ParsedMessage parse_api_status_line(const ApiStatusLine& line) {
     ParsedMessage out;
-    line = line.substr(0, line.find('\0'));
-    line.remove_prefix(4);
-    size_t blank = line.find(' ');
-    std::string_view file = line.substr(0, blank);
-    int status = -1;
-    if (blank != std::string_view::npos) {
-        std::string_view rest = line.substr(blank);
-        rest.remove_prefix(std::min(rest.find_first_not_of(' '), rest.size()));
-        if (!rest.empty()) status = c_atoi(rest.substr(0, rest.find(' ')));
-    }
     out.action = kActionApiStatus;
-    out.object = TextObject{std::string(file)};
-    out.api_status = status;
-    out.result = status;
+    out.object = TextObject{line.file};
+    out.api_status = line.status;
+    out.result = line.status;
     return out;
 }
 
-// Sender field of the record; senders whose number value is below 4 (the
+// The sender of an SMS record; senders whose number value is below 4 (the
 // api kinds and non-numeric senders) get "0" as their first character.
-std::string sender_of(std::string_view message, int& kind) {
-    std::array<char, kSenderField> field{};
-    std::copy_n(message.data(), std::min(message.size(), field.size()), field.data());
-    kind = c_atoi(field_text(field.data(), field.size()));
+std::string sender_of(std::string field, int& kind) {
+    kind = c_atoi(field.c_str());
     if (kind < 4) field[0] = '0';
-    return field_text(field.data(), field.size());
+    return field.substr(0, field.find('\0'));
 }
 
 void parse_broadcast(const std::string& sender, const std::optional<std::string>& value,
@@ -246,17 +231,15 @@ std::string fail_log_line(std::string_view message) {
 }
 
 ParsedMessage parse_trigger_sms(const ParseContext& ctx, std::string_view message) {
-    if (starts_with(message, "api ")) return parse_api_status_line(message);
+    if (auto line = decode_api_status_line(message)) return parse_api_status_line(*line);
 
     ParsedMessage out;
     TraceFile trace_file(ctx.rt);
+    IncomingSms sms = decode_incoming_sms(message);
     int kind = 0;
-    std::string sender = sender_of(message, kind);
+    std::string sender = sender_of(std::move(sms.sender_field), kind);
     trace_file.line("sender_number", sender);
-    std::string text;
-    if (message.size() > kTextOffset)
-        text = field_text(message.data() + kTextOffset,
-                          std::min(message.size() - kTextOffset, kTextField));
+    const std::string& text = sms.text;
     trace_file.line("sms_text", text);
 
     size_t sep = text.find_first_of(":;");

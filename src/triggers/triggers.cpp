@@ -11,11 +11,13 @@
 #include <variant>
 
 #include "commands/service_settings.h"
-#include "common/bytes.h"
 #include "common/fileops.h"
 #include "common/net.h"
 #include "common/text.h"
 #include "common/trace.h"
+#include "formats/request_file.h"
+#include "formats/txrx_datagram.h"
+#include "formats/txrx_report.h"
 #include "send/stats.h"
 #include "triggers/time_settings.h"
 #include "triggers/trigger_parser.h"
@@ -24,10 +26,8 @@ namespace smsgw {
 
 namespace {
 
-constexpr long kStatReceived = 20;  // triggers received
-constexpr long kStatActed = 16;     // triggers that led to an action
-constexpr size_t kBroadcastBody = 210;
-constexpr size_t kApiMessage = 256;
+// An API trigger request reads only the sender and text of its file.
+constexpr size_t kApiRequestHead = RequestFile::kSenderSize + RequestFile::kTextSize;
 
 // The GROUP section of a send request for the record's groups.
 std::string group_section(const BroadcastRecord& record) {
@@ -39,37 +39,33 @@ std::string group_section(const BroadcastRecord& record) {
 }  // namespace
 
 struct Triggers::Impl {
-    Impl(Runtime& r, AddressBook& a, RuleLists& rl, Sender& s, JobQueue& q,
-         std::array<char, 100>& reply)
-        : rt(r), ab(a), rules(rl), sender(s), queue(q), action_reply(reply) {}
+    Impl(Runtime& r, AddressBook& a, RuleLists& rl, Sender& s, JobQueue& q, std::string& reply)
+        : rt(r), ab(a), rules(rl), sender(s), queue(q), link(s.txrx()), action_reply(reply) {}
 
     Runtime& rt;
     AddressBook& ab;
     RuleLists& rules;
     Sender& sender;
     JobQueue& queue;
-    std::array<char, 100>& action_reply;
+    TxrxLink& link;
+    std::string& action_reply;
 
     bool time_settings_busy = false;
-    // Set by api_ProcessTrigs while an "api2" trigger runs with no job
-    // outstanding: the broadcast it starts is an api job.
+    // The "api2" request being processed: a broadcast it queues carries its
+    // id and user. With no job outstanding it runs at once (api_direct) and
+    // api_ProcessTrigs hands the job it prepared to txrx itself.
+    std::optional<ApiOrigin> api_trigger;
     bool api_direct = false;
+    std::string prepared_job;  // the job the last send action prepared
     int api_status_value = -1;
 
     using Handler = void (Impl::*)(ActionObject&);
     static const std::array<Handler, 10> kHandlers;
 
-    void set_reply(std::string_view text) {
-        action_reply.fill('\0');
-        copy_field(action_reply.data(), action_reply.size(), text);
-    }
-
     // ---- the ten handlers ----
     void send_handler(ActionObject& object) {
-        if (auto* record = std::get_if<BroadcastRecord>(&object)) {
-            queue.current_broadcast = std::move(*record);
-            send_action(0);
-        }
+        if (auto* record = std::get_if<BroadcastRecord>(&object))
+            send_action(0, *record, std::nullopt);
     }
 
     void delete_entry(ActionObject& object) {
@@ -175,26 +171,27 @@ struct Triggers::Impl {
     }
 
     // ---- the send action ----
-    SendActionResult send_action(int mode) {
+    SendActionResult send_action(int mode, const BroadcastRecord& record,
+                                 const std::optional<ApiOrigin>& queued_api) {
         SendActionResult result;
-        set_reply("");
-        if (!queue.current_broadcast) return result;
-        BroadcastRecord& record = *queue.current_broadcast;
+        action_reply = encode_broadcast_handoff("", false);
+        prepared_job.clear();
         // While txrx works on a job, an idle-time broadcast waits in the
         // queue; a peer asking for work (mode 1) is served at once.
-        if (mode == 0 && rt.job_outstanding == 1) {
+        if (mode == 0 && link.job_outstanding()) {
             result.queued = queue_broadcast(record);
             return result;
         }
-        std::string job = prepare_job(record);
+        std::optional<ApiOrigin> api = queued_api;
+        if (!api && api_direct) api = api_trigger;
+        std::string job = prepare_job(record, api);
         if (job.empty()) return result;
         result.request_file = job;
-        set_reply(is_api_job() ? "api " + job : job);
-        if (mode == 0) rt.job_outstanding = 1;
+        action_reply = encode_broadcast_handoff(job, api.has_value());
+        prepared_job = job;
+        if (mode == 0) link.job_handed_over();
         return result;
     }
-
-    bool is_api_job() const { return api_direct || queue.api_job == 1; }
 
     bool queue_broadcast(const BroadcastRecord& record) {
         std::string path = rt.path("/var/run/pending_jobs");
@@ -211,35 +208,31 @@ struct Triggers::Impl {
                 return false;
             }
         }
-        queue.add_to_pending_jobs_broadcasttrigger(&path, static_cast<long>(body.size()));
+        queue.add_to_pending_jobs_broadcasttrigger(&path, static_cast<long>(body.size()),
+                                                   api_trigger);
+        api_trigger.reset();  // its id and user are in the job line now
         return true;
     }
 
     // Writes the send request for the record's groups and turns it into a
     // job as a queued request would be. Returns the job path, "" when no
     // job was made.
-    std::string prepare_job(const BroadcastRecord& record) {
-        bool api = is_api_job();
-        int api_id = queue.api_job == 1 ? c_atoi(queue.api_request_id_text) : rt.api_trigger.id;
-        std::string user = record.sender;
-        if (api) user = queue.api_job == 1 ? queue.api_user : rt.api_trigger.sender;
-
+    std::string prepare_job(const BroadcastRecord& record, const std::optional<ApiOrigin>& api) {
+        const std::string& user = api ? api->user : record.sender;
         auto request_file =
-            write_request_file(record, user, api ? std::optional<int>(api_id) : std::nullopt);
+            write_request_file(record, user, api ? std::optional<int>(api->id) : std::nullopt);
         if (!request_file) return "";
-        std::string request = (api ? "send-sms api " : "send-sms ") + *request_file;
-        sender.job_path.clear();
-        sender.send_sms_handler(request, 1);
+        const std::string request = (api ? "send-sms api " : "send-sms ") + *request_file;
+        const PreparedJob job = sender.send_sms_handler(request, 1);
         remove_file(*request_file);  // already gone unless the handler gave up early
-        if (sender.job_path.empty() || !file_exists(sender.job_path)) return "";
-        if (sender.api_request_failed == 1) {
+        if (job.job_path.empty() || job.again || !file_exists(job.job_path)) return "";
+        if (job.unknown_recipient) {
             // None of the groups exists: there is nobody to send to.
-            if (api) set_api_status(rt, api_id, 606);
-            remove_file(sender.job_path);
-            sender.api_request_failed = 0;
+            if (api) set_api_status(rt, api->id, kApiUnknownRecipient);
+            remove_file(job.job_path);
             return "";
         }
-        return sender.job_path;
+        return job.job_path;
     }
 
     // The request file in the spool; an api job's name ends in "-ID" so the
@@ -250,7 +243,7 @@ struct Triggers::Impl {
         Fd fd;
         auto path = create_temp_file(rt.request_dir(), "trg", &fd);
         if (!path) return std::nullopt;
-        std::string image = build_request_file(user, record.text, "", "", group_section(record));
+        std::string image = encode_request_file(user, record.text, "", "", group_section(record));
         bool ok = write_all(fd.get(), image);
         ok = fd.close_checked() && ok;
         if (ok && api_id) {
@@ -266,17 +259,6 @@ struct Triggers::Impl {
         }
         return path;
     }
-
-    // ---- api trigger requests ----
-    void forward_to_txrx(const std::string& text) {
-        Fd fd = forwarding_socket(rt, rt.ports.txrx_out());
-        if (!fd) return;
-        std::string payload = text;
-        payload += '\0';
-        if (::sendto(fd.get(), payload.data(), payload.size(), 0,
-                     reinterpret_cast<const sockaddr*>(&rt.peer_addr), sizeof rt.peer_addr) < 0)
-            trace(" Error sendto\n ");
-    }
 };
 
 const std::array<Triggers::Impl::Handler, 10> Triggers::Impl::kHandlers = {
@@ -287,32 +269,31 @@ const std::array<Triggers::Impl::Handler, 10> Triggers::Impl::kHandlers = {
 
 Triggers::Triggers(Runtime& rt, AddressBook& ab, RuleLists& rules, Sender& sender, JobQueue& queue)
     : impl_(std::make_unique<Impl>(rt, ab, rules, sender, queue, action_reply_)) {
-    queue.send_action = [this](int mode) { return send_action(mode); };
+    queue.set_send_action(
+        [this](int mode, const BroadcastRecord& record, const std::optional<ApiOrigin>& api) {
+            return impl_->send_action(mode, record, api);
+        });
 }
 
 Triggers::~Triggers() {
-    impl_->queue.send_action = nullptr;
-}
-
-SendActionResult Triggers::send_action(int mode) {
-    return impl_->send_action(mode);
+    impl_->queue.set_send_action(nullptr);
 }
 
 int Triggers::getactionobject(std::string_view message) {
     Impl& im = *impl_;
     trace("Before getactionobject()\n");
-    action_reply_.fill('\0');
+    action_reply_ = encode_broadcast_handoff("", false);
     ParseContext ctx{im.rt, trigger_work_buffer_size(im.ab.entry_count()), im.time_settings_busy};
     ParsedMessage parsed = parse_trigger_sms(ctx, message);
     if (!parsed.fail_log.empty()) syslog(LOG_INFO, "%s", fail_log_line(parsed.fail_log).c_str());
-    if (parsed.count_received) count_sms_stat(im.rt, kStatReceived);
-    if (parsed.count_acted) count_sms_stat(im.rt, kStatActed);
+    if (parsed.count_received) count_sms_stat(im.rt, SmsStats::kTriggersReceived);
+    if (parsed.count_acted) count_sms_stat(im.rt, SmsStats::kTriggersActed);
 
     int action = parsed.action;
     trace("action - %d\n", action);
     if (action != kActionTimeSettings && action != kActionNothing && action != kActionApiStatus) {
-        count_sms_stat(im.rt, kStatReceived);
-        if (action != kActionSend) count_sms_stat(im.rt, kStatActed);
+        count_sms_stat(im.rt, SmsStats::kTriggersReceived);
+        if (action != kActionSend) count_sms_stat(im.rt, SmsStats::kTriggersActed);
     }
     im.api_status_value = parsed.api_status;
     if (action >= 0 && action < static_cast<int>(Impl::kHandlers.size()))
@@ -320,77 +301,70 @@ int Triggers::getactionobject(std::string_view message) {
     return action;
 }
 
-int Triggers::api_ProcessTrigs(std::string_view request) {
-    Impl& im = *impl_;
-    Runtime& rt = im.rt;
-    trace("In api_ProcessTrigs\n");
-    size_t blank = request.find(' ');
-    if (blank == std::string_view::npos) return 0;
-    std::string_view argument = request.substr(blank + 1);
-    int kind = 0;
-    if (starts_with(argument, "api2 "))
-        kind = 2;
-    else if (starts_with(argument, "api3 "))
-        kind = 3;
-    else
-        return 0;
-    std::string_view rest = argument.substr(5);
-    std::string path(rest.substr(0, rest.find_first_of(std::string_view("\r\n\0", 3))));
-    // A file the policy refuses is left alone entirely.
-    if (!im.sender.request_file_allowed(path)) return 1;
+namespace {
 
-    int id = last_dash_number(path);
+// The sender and text of an API trigger request's file; nullopt when the
+// file cannot be opened (or is no plain file any more).
+std::optional<RequestFile> read_api_request(const std::string& path) {
     Fd fd(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     struct stat st {};
-    if (!fd || ::fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) {
-        trace("Unable to open file\n");
-        if (fd) fd.reset();
-        ::unlink(path.c_str());
-        return 1;
-    }
-    im.sender.filename_from_gui = path;
-    char head[kBroadcastBody] = {};
+    if (!fd || ::fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) return std::nullopt;
+    std::string head(kApiRequestHead, '\0');
     size_t got = 0;
-    while (got < sizeof head) {
-        ssize_t n = ::read(fd.get(), head + got, sizeof head - got);
+    while (got < head.size()) {
+        ssize_t n = ::read(fd.get(), head.data() + got, head.size() - got);
         if (n < 0 && errno == EINTR) continue;
         if (n <= 0) break;
         got += static_cast<size_t>(n);
     }
-    fd.reset();
+    head.resize(got);
+    return decode_request_file(head);
+}
 
-    // The record of an incoming SMS whose sender is the kind's digit.
-    std::string message(kApiMessage, '\0');
-    message[0] = kind == 2 ? '2' : '3';
-    std::memcpy(&message[50], head + 50, 160);
-    std::string api_sender = field_text(head, 50).substr(0, kSenderMax);
+}  // namespace
 
-    if (kind == 2) {
-        rt.api_trigger.pending = 1;
-        rt.api_trigger.id = id;
-        rt.api_trigger.sender = api_sender;
-        if (rt.job_outstanding == 0) {
-            rt.api_trigger.job_id_text = std::to_string(id);
-            im.api_direct = true;
-        }
-        int action = getactionobject(message);
-        if (action == kActionNothing) {
-            set_api_status(rt, id, 611);
-        } else if (rt.txrx_hold == 0 && im.api_direct && action_reply_[0] != '\0') {
-            // The job is prepared; this path hands it to txrx itself.
-            im.forward_to_txrx(field_text(action_reply_.data(), action_reply_.size()));
-        }
-        // Whatever happened, this request's api state is used up (a queued
-        // broadcast has already taken it into its job line).
-        im.api_direct = false;
-        im.sender.api_request = 0;
-        rt.api_trigger.pending = 0;
+int Triggers::api_ProcessTrigs(std::string_view request) {
+    trace("In api_ProcessTrigs\n");
+    const size_t blank = request.find(' ');
+    if (blank == std::string_view::npos) return 0;
+    const std::string_view argument = request.substr(blank + 1);
+    const bool send = starts_with(argument, "api2 ");
+    if (!send && !starts_with(argument, "api3 ")) return 0;
+    const std::string_view rest = argument.substr(5);
+    const std::string path(rest.substr(0, rest.find_first_of(std::string_view("\r\n\0", 3))));
+    // A file the policy refuses is left alone entirely.
+    if (!impl_->sender.request_file_allowed(path)) return 1;
+    const int id = last_dash_number(path);
+    if (std::optional<RequestFile> file = read_api_request(path)) {
+        // The record of an incoming SMS whose sender is the kind's digit.
+        const std::string message = encode_incoming_sms(send ? "2" : "3", file->text());
+        if (send)
+            api_send_trigger(message, ApiOrigin{id, file->sender().substr(0, kSenderMax)});
+        else
+            set_api_status(
+                impl_->rt, id,
+                getactionobject(message) == kActionNothing ? kApiTriggerRefused : kApiAccepted);
     } else {
-        int action = getactionobject(message);
-        set_api_status(rt, id, action == kActionNothing ? 610 : 0);
+        trace("Unable to open file\n");
     }
     ::unlink(path.c_str());
     return 1;
+}
+
+void Triggers::api_send_trigger(const std::string& message, const ApiOrigin& origin) {
+    Impl& im = *impl_;
+    im.api_trigger = origin;
+    im.api_direct = !im.link.job_outstanding();
+    if (getactionobject(message) == kActionNothing) {
+        set_api_status(im.rt, origin.id, kApiSendTriggerRefused);
+    } else if (im.api_direct && !im.prepared_job.empty()) {
+        // The job is prepared; this path hands it to txrx itself.
+        im.link.send(encode_job_handoff(im.prepared_job, true));
+    }
+    // Whatever happened, this request's api state is used up (a queued
+    // broadcast has already taken it into its job line).
+    im.api_direct = false;
+    im.api_trigger.reset();
 }
 
 }  // namespace smsgw

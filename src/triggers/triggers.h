@@ -3,7 +3,6 @@
 // "api3" send requests; the send action broadcasts a trigger to a group.
 #pragma once
 
-#include <array>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -19,7 +18,7 @@ namespace smsgw {
 class Triggers {
   public:
     // REQUIRES: every referenced object outlives this one. Installs the send
-    // action into queue.send_action.
+    // action (action 0) into the queue.
     Triggers(Runtime& rt, AddressBook& ab, RuleLists& rules, Sender& sender, JobQueue& queue);
     ~Triggers();
 
@@ -28,19 +27,19 @@ class Triggers {
     int getactionobject(std::string_view message);
     // 1 when the "send-sms ..." request was an api2/api3 trigger and was consumed.
     int api_ProcessTrigs(std::string_view request);
-    // Action 0 on queue.current_broadcast.
-    SendActionResult send_action(int mode);
 
-    // The 100-byte action reply the loop forwards to txrx after action 0:
-    // the prepared job path ("api " + path for an api job), NUL-padded. All
-    // zero when the broadcast was queued or no job could be made, and after
-    // every other action.
-    const std::array<char, 100>& action_reply() const { return action_reply_; }
+    // The 100-byte action reply the loop forwards to txrx after a report:
+    // the job action 0 prepared (formats/txrx_datagram.h, broadcast form).
+    // All zero when the broadcast was queued or no job could be made, and
+    // after every other action.
+    const std::string& action_reply() const { return action_reply_; }
 
   private:
     struct Impl;
+    void api_send_trigger(const std::string& message, const ApiOrigin& origin);
+
     std::unique_ptr<Impl> impl_;
-    std::array<char, 100> action_reply_{};
+    std::string action_reply_;
 };
 
 }  // namespace smsgw

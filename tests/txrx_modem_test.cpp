@@ -7,6 +7,7 @@
 #include <map>
 
 #include "formats/signal_quality.h"
+#include "formats/sms_pdu.h"
 #include "support/modem_support.h"
 
 namespace smsgw::test {
@@ -65,6 +66,8 @@ TEST_F(TxrxModem, SendsEveryRecipientOnceAndReportsTheJobOnce) {
     // Nothing to send, and jobs that are not in the spool: ended at once.
     const std::string empty = write_job(root_.path(), "file2", "x", {});
     write_file(root_ / "elsewhere", std::string(210, '1'));
+    hand("");
+    hand(std::string(65507, 'x'));
     hand(handoff(empty));
     hand(handoff(root_ / "elsewhere", true));
     hand("cmd set-sms-timer 30 ");
@@ -112,8 +115,18 @@ TEST_F(TxrxModem, IncomingMessagesAreReassembledReportedWrittenThenDeleted) {
     EXPECT_EQ(sim.ctl("sms-reverse +4917 " + zhe), "OK");  // five parts, last first
     EXPECT_EQ(sim.ctl("sms16 Bank1 " + std::string(170, 'b')), "OK");
     EXPECT_EQ(sim.ctl("pdu 0044038121F30008993092516195800609000301020100"), "OK");
+    // A part that comes twice is taken once.
+    pdu::Deliver part{{"+4918", pdu::kTypeInternational}, {},   0, pdu::kDcsGsm7,
+                      pdu::Concat{9, 2, 1, false},        "abc"};
+    const std::string first_part = "pdu " + pdu::to_hex(pdu::encode_deliver(part));
+    part.concat->seq = 2;
+    part.text = "def";
+    EXPECT_EQ(sim.ctl(first_part), "OK");
+    EXPECT_EQ(sim.ctl(first_part), "OK");
+    EXPECT_EQ(sim.ctl("pdu " + pdu::to_hex(pdu::encode_deliver(part))), "OK");
     std::vector<std::string> got = reports();
-    ASSERT_EQ(got.size(), 2u);
+    ASSERT_EQ(got.size(), 3u);
+    EXPECT_EQ(got[2].substr(54), "abcdef");
     std::string sender(50, '\0');
     sender.replace(0, 5, "+4917");
     EXPECT_EQ(got[0], "SMS:" + sender + zhe.substr(0, 156));

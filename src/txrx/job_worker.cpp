@@ -75,7 +75,7 @@ bool JobWorker::accept(const Handoff& handoff) {
         return false;
     }
     log("job %s: %u recipients%s", handoff.path.c_str(), h.count, h.api ? " (api)" : "");
-    active_[file] = Active{std::move(ledger), std::move(job), h.created_ms, false};
+    active_[file] = Active{std::move(ledger), std::move(job), h.job_path, h.created_ms, false};
     return true;
 }
 
@@ -141,7 +141,8 @@ void JobWorker::rescan() {
             remove_file(file);
             continue;
         }
-        active_[file] = Active{std::move(ledger), std::move(job), h->created_ms, false};
+        active_[file] =
+            Active{std::move(ledger), std::move(job), h->job_path, h->created_ms, false};
     }
 }
 
@@ -170,8 +171,7 @@ bool JobWorker::claim_next() {
         auto number = pick->job->recipient(*index);
         std::string problem = number ? pdu::number_problem(*number) : "unreadable record";
         if (!problem.empty()) {
-            log("recipient %u of %s skipped: %s", *index, pick->ledger->header()->job_path.c_str(),
-                problem.c_str());
+            log("recipient %u of %s skipped: %s", *index, pick->path.c_str(), problem.c_str());
             record(key, *index, Outcome::skipped);
             continue;
         }

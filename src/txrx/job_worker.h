@@ -51,6 +51,7 @@ class JobWorker {
     struct Active {
         std::optional<JobLedger> ledger;
         std::optional<JobFile> job;
+        std::string path;  // of the job file
         uint64_t created = 0;
         bool exhausted = false;  // nothing left to claim for now
     };

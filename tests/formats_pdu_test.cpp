@@ -4,6 +4,7 @@
 #include <string>
 
 #include "formats/gsm_alphabet.h"
+#include "formats/signal_quality.h"
 #include "formats/sms_pdu.h"
 
 namespace smsgw::pdu {
@@ -228,3 +229,28 @@ TEST(GsmAlphabet, Conversions) {
 
 }  // namespace
 }  // namespace smsgw::pdu
+
+namespace smsgw {
+namespace {
+
+TEST(SignalQualityFile, OneLineBothWays) {
+    EXPECT_EQ(signal_quality_file("/dev/ttyS1"), "/var/run/txrx_signal.ttyS1");
+    SignalQuality q{"/dev/ttyS1", 23, 99, 1700000000};
+    EXPECT_EQ(encode_signal_quality(q), "/dev/ttyS1 23 99 1700000000\n");
+    auto back = decode_signal_quality("/dev/ttyS1 0 7 5\n");
+    ASSERT_TRUE(back);
+    EXPECT_EQ(back->rssi, 0);
+    EXPECT_EQ(back->ber, 7);
+    EXPECT_EQ(back->time, 5);
+    for (const char* bad : {"/dev/ttyS1 23 99 1\n\n", "/dev/ttyS1 23 99 1", "ttyS1 23 99 1\n",
+                            "/dev/ttyS1 100 99 1\n", "/dev/ttyS1 23 99\n", "/d 1 2 3 4\n", "\n"})
+        EXPECT_FALSE(decode_signal_quality(bad)) << bad;
+    EXPECT_EQ(signal_dbm(0), -113);
+    EXPECT_EQ(signal_dbm(31), -51);
+    EXPECT_FALSE(signal_dbm(32));
+    EXPECT_FALSE(signal_dbm(-1));
+    EXPECT_FALSE(signal_dbm(99));
+}
+
+}  // namespace
+}  // namespace smsgw

@@ -15,7 +15,8 @@ void set_log_device(const std::string& device) {
     g_device = device;
 }
 
-void log(const char* format, ...) {
+// printf-style; the format attribute in the header checks the arguments.
+void log(const char* format, ...) {  // NOLINT(cert-dcl50-cpp)
     char text[600];
     va_list ap;
     va_start(ap, format);

@@ -70,7 +70,7 @@ ParseResult parse_options(int argc, char** argv) {
             o.backoff = std::chrono::milliseconds(v);
         } else if (numeric(argc, argv, i, "--signal-interval", 1, 86400, v, &bad)) {
             o.signal_interval = std::chrono::seconds(v);
-        } else if (numeric(argc, argv, i, "--part-expiry", 1, 30 * 86400, v, &bad)) {
+        } else if (numeric(argc, argv, i, "--part-expiry", 1, 30LL * 86400, v, &bad)) {
             o.part_expiry = std::chrono::seconds(v);
         } else if (numeric(argc, argv, i, "--reopen-ms", 10, 600000, v, &bad)) {
             o.reopen = std::chrono::milliseconds(v);

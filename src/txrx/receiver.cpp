@@ -8,6 +8,7 @@
 
 #include "common/fileops.h"
 #include "common/paths.h"
+#include "common/text.h"
 #include "formats/inbox_record.h"
 #include "txrx/log.h"
 
@@ -23,8 +24,8 @@ std::string part_file(const std::string& dir, const std::string& key, int seq) {
 int total_of(const std::string& key) {
     size_t us = key.rfind('_');
     if (us == std::string::npos) return 0;
-    int total = std::atoi(key.c_str() + us + 1);
-    return total >= 1 && total <= 255 ? total : 0;
+    auto total = parse_number(std::string_view(key).substr(us + 1), 1, 255);
+    return total ? static_cast<int>(*total) : 0;
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 // txrx against the emulated modem, with the test in the daemon's place:
 // hand-offs go to the job port, reports are read from the report port.
 #include <gtest/gtest.h>
+#include <sys/time.h>
 
 #include <algorithm>
 #include <cctype>
@@ -60,6 +61,13 @@ TEST_F(TxrxModem, SendsEveryRecipientOnceAndReportsTheJobOnce) {
               (std::vector<std::string>{"SUBMIT to=+4911 dcs=0 text=Hello {1}",
                                         "SUBMIT to=0172 dcs=0 text=Hello {1}"}));
     EXPECT_FALSE(exists(job));
+    // Handed over again later (the daemon repeats a path): answered again.
+    for (const auto& f : tree_below(root_ / "var/run/txrx/jobs", false)) {
+        timeval old[2] = {{::time(nullptr) - 10, 0}, {::time(nullptr) - 10, 0}};
+        ::utimes((root_ / ("var/run/txrx/jobs/" + f)).c_str(), old);  // its end long past
+    }
+    hand(handoff(job, true));
+    EXPECT_EQ(reports(), (std::vector<std::string>{"SMS:api " + job + " 622", "P_JB"}));
     EXPECT_NE(err(0).find("skipped: not a digit in the number"), std::string::npos);
     EXPECT_NE(err(0).find("skipped: more than 20 digits"), std::string::npos);
 

@@ -18,6 +18,15 @@ namespace smsgw::txrx {
 namespace {
 
 constexpr time_t kKeepEnded = 60;  // seconds a ledger outlives its job
+// The daemon sends its datagrams for one job together; the same path
+// handed over again later is a new hand-off (the daemon repeats the last
+// job's path when a request could not be read) and is answered again.
+constexpr time_t kRepeatAfter = 1;
+
+time_t age_of(const std::string& file) {
+    struct stat st {};
+    return ::stat(file.c_str(), &st) == 0 ? std::time(nullptr) - st.st_mtime : 0;
+}
 
 uint64_t now_ms() {
     timespec ts{};
@@ -48,8 +57,11 @@ bool JobWorker::accept(const Handoff& handoff) {
     const std::string file = JobLedger::file_for(ledger_dir_, handoff.path);
     if (auto known = JobLedger::open(file)) {
         auto h = known->header();
-        if (handoff.api && h && !h->api && !h->finished) known->mark_api();
-        return false;  // the same job again
+        if (!h || !h->reported || age_of(file) <= kRepeatAfter) {
+            if (handoff.api && h && !h->api && !h->finished) known->mark_api();
+            return false;  // the same job again
+        }
+        remove_file(file);
     }
     std::string why;
     auto job = JobFile::open(handoff.path, spool_, &why);

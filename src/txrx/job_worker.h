@@ -4,9 +4,10 @@
 // retries, and ending a job once its last recipient is recorded: the api
 // status line for an api job, "P_JB", then the job file is deleted.
 //
-// A ledger stays for a minute after its job ended, so that the same job
-// handed over again (the daemon sends one datagram per modem) is known and
-// dropped.
+// A ledger stays for a minute after its job ended, so that the further
+// datagrams of the same hand-off (the daemon sends one per modem, together)
+// are known and dropped; the same path handed over again more than a second
+// after the end is a new hand-off and is answered again.
 #pragma once
 
 #include <chrono>

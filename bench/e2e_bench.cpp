@@ -258,7 +258,8 @@ double parser_micros(const std::string& request, const Book& book, int rounds) {
         ab.ab_insert(book.names[i], book.numbers[i], "desc");
     smsgw::RuleLists rules(rt);
     smsgw::DialingSegment dialing;
-    smsgw::CommandParser parser(rt, ab, rules, dialing);
+    smsgw::TxrxLink link(rt.ports);
+    smsgw::CommandParser parser(rt, ab, rules, dialing, link);
     auto t0 = Clock::now();
     for (int i = 0; i < rounds; ++i) {
         parser.parse_command(request);

@@ -32,7 +32,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Group* team = ab.group_create("Team");
     ab.group_add_member_to(team, AddressBook::ab_find_number(ann->entries.get(), "555"));
 
-    CommandParser parser(rt, ab, rules, dialing);
+    TxrxLink link(rt.ports);
+    CommandParser parser(rt, ab, rules, dialing, link);
     for (const std::string& command : fuzz::split_parts(data, size, kMaxCommands)) {
         if (command.empty()) continue;
         std::string reply = parser.parse_command(command);

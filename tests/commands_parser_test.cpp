@@ -69,7 +69,7 @@ struct World {
         TrieNode* n = ab.ab_insert("Ann", "555", "d");
         Group* g = ab.group_create("Team");
         ab.group_add_member_to(g, AddressBook::ab_find_number(n->entries.get(), "555"));
-        parser = std::make_unique<CommandParser>(rt, ab, rules, dialing);
+        parser = std::make_unique<CommandParser>(rt, ab, rules, dialing, link);
     }
     std::string run(const std::string& text) {
         std::string reply = parser->parse_command(text);
@@ -84,6 +84,7 @@ struct World {
     AddressBook ab;
     RuleLists rules;
     DialingSegment dialing;
+    TxrxLink link{rt.ports};
     std::unique_ptr<CommandParser> parser;
 };
 

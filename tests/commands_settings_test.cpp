@@ -28,6 +28,7 @@ class SettingsTest : public ::testing::Test {
 
     TempDir dir;
     Runtime rt;
+    TxrxLink link{rt.ports};
 };
 
 // Removes the test's segment whatever the test did.
@@ -152,7 +153,7 @@ TEST_F(SettingsTest, CommandsNotifyTxrxAndTheHttpClient) {
     ASSERT_TRUE(txrx.ok());
     ASSERT_TRUE(http.ok());
 
-    EXPECT_EQ(set_sms_timer(rt, "45"), "SUCCESS");
+    EXPECT_EQ(set_sms_timer(rt, link, "45"), "SUCCESS");
     auto control = txrx.receive();
     ASSERT_TRUE(control);
     ASSERT_EQ(control->size(), 100u);
@@ -160,14 +161,14 @@ TEST_F(SettingsTest, CommandsNotifyTxrxAndTheHttpClient) {
     EXPECT_EQ(http.receive(), std::string("set-sms-timer  45^|^") + '\0');
     EXPECT_EQ(test::read_file(conf()), "timeout=45\n");
 
-    EXPECT_EQ(set_sms_status(rt, "disable"), "SUCCESS");
+    EXPECT_EQ(set_sms_status(rt, link, "disable"), "SUCCESS");
     control = txrx.receive();
     ASSERT_TRUE(control);
     EXPECT_EQ(control->substr(0, control->find('\0')), "cmd set-sms-status disable ");
     EXPECT_EQ(http.receive(), std::string("set-sms 1 status disable^|^") + '\0');
     EXPECT_EQ(test::read_file(conf()), "timeout=45\nstatus=disable\n");
 
-    EXPECT_EQ(set_signal_strength_cmd(rt, "AT+CSQ"), "SUCCESS");
+    EXPECT_EQ(set_signal_strength_cmd(rt, link, "AT+CSQ"), "SUCCESS");
     control = txrx.receive();
     ASSERT_TRUE(control);
     EXPECT_EQ(control->substr(0, control->find('\0')), "cmd signal_strength_cmd AT+CSQ");
@@ -179,7 +180,7 @@ TEST_F(SettingsTest, EnablingStartsTheHttpClient) {
     test::write_file(dir / "bin/http-client", "#!/bin/sh\ntouch '" + marker + "'\n");
     ASSERT_EQ(::chmod((dir / "bin/http-client").c_str(), 0755), 0);
     test::UdpListener http(rt.ports.http());
-    EXPECT_EQ(set_sms_status(rt, "enable"), "SUCCESS");
+    EXPECT_EQ(set_sms_status(rt, link, "enable"), "SUCCESS");
     EXPECT_TRUE(test::wait_for([&] { return test::exists(marker); }));
     // The client is not left to the caller to reap.
     errno = 0;

@@ -12,6 +12,7 @@
 #include "commands/rule_lists.h"
 #include "common/fileops.h"
 #include "common/runtime.h"
+#include "common/txrx_link.h"
 
 namespace smsgw {
 
@@ -23,13 +24,14 @@ inline constexpr size_t kDescRoom = 199;
 inline constexpr size_t kGroupRoom = 49;
 
 struct CommandContext {
-    CommandContext(Runtime& r, AddressBook& a, RuleLists& l, DialingSegment& d)
-        : rt(r), ab(a), rules(l), dialing(d) {}
+    CommandContext(Runtime& r, AddressBook& a, RuleLists& l, DialingSegment& d, const TxrxLink& t)
+        : rt(r), ab(a), rules(l), dialing(d), txrx(t) {}
 
     Runtime& rt;
     AddressBook& ab;
     RuleLists& rules;
     DialingSegment& dialing;
+    const TxrxLink& txrx;  // control texts for the transceivers
 
     Tokenizer tok;
     std::string_view cursor;  // the command text not yet cut

@@ -8,6 +8,7 @@
 #include "common/fileops.h"
 #include "common/net.h"
 #include "common/trace.h"
+#include "formats/txrx_datagram.h"
 
 namespace smsgw {
 
@@ -97,7 +98,7 @@ std::string add_modem(CommandContext& ctx) {
     if (!ctx.next(" ")) return "ERROR";
     auto command = ctx.next(" ");
     if (!command) return "ERROR";
-    return set_signal_strength_cmd(ctx.rt, *command);
+    return set_signal_strength_cmd(ctx.rt, ctx.txrx, *command);
 }
 
 std::string add_dispatch(CommandContext& ctx) {
@@ -198,12 +199,12 @@ std::string set_sms_http(CommandContext& ctx) {
     if (*word == "set-sms-timer") {
         // The seconds have never been checked for presence.
         auto seconds = ctx.next(" ");
-        return set_sms_timer(ctx.rt, seconds.value_or(""));
+        return set_sms_timer(ctx.rt, ctx.txrx, seconds.value_or(""));
     }
     if (*word == "set-sms-status") {
         auto state = ctx.next(" ");
         if (!state) return ctx.reply_buffer();
-        return set_sms_status(ctx.rt, *state);
+        return set_sms_status(ctx.rt, ctx.txrx, *state);
     }
     return "ERROR";
 }
@@ -211,14 +212,15 @@ std::string set_sms_http(CommandContext& ctx) {
 }  // namespace
 
 struct CommandParser::Impl {
-    Impl(Runtime& rt, AddressBook& ab, RuleLists& rules, DialingSegment& dialing)
-        : ctx(rt, ab, rules, dialing) {}
+    Impl(Runtime& rt, AddressBook& ab, RuleLists& rules, DialingSegment& dialing,
+         const TxrxLink& txrx)
+        : ctx(rt, ab, rules, dialing, txrx) {}
     CommandContext ctx;
 };
 
 CommandParser::CommandParser(Runtime& rt, AddressBook& ab, RuleLists& rules,
-                             DialingSegment& dialing)
-    : impl_(std::make_unique<Impl>(rt, ab, rules, dialing)) {}
+                             DialingSegment& dialing, const TxrxLink& txrx)
+    : impl_(std::make_unique<Impl>(rt, ab, rules, dialing, txrx)) {}
 
 CommandParser::~CommandParser() = default;
 
@@ -235,7 +237,7 @@ std::string CommandParser::parse_command(std::string_view text) {
     if (*verb == "edit-sms") return edit_dispatch(ctx);
     if (*verb == "save-address-book") return ab_save(ctx.ab, ctx.rt) ? "SUCCESS" : "ERROR";
     if (*verb == "sms-modem-reset") {
-        reply_to_txrx(ctx.rt, "cmd reset_modem");
+        ctx.txrx.send(encode_control_text("cmd reset_modem"));
         return "SUCCESS";
     }
     if (*verb == "set-sms-http") return set_sms_http(ctx);

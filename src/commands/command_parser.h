@@ -11,13 +11,15 @@
 #include "commands/intl_dialing.h"
 #include "commands/rule_lists.h"
 #include "common/runtime.h"
+#include "common/txrx_link.h"
 
 namespace smsgw {
 
 class CommandParser {
   public:
     // REQUIRES: all referenced objects outlive the parser.
-    CommandParser(Runtime& rt, AddressBook& ab, RuleLists& rules, DialingSegment& dialing);
+    CommandParser(Runtime& rt, AddressBook& ab, RuleLists& rules, DialingSegment& dialing,
+                  const TxrxLink& txrx);
     ~CommandParser();
 
     // The reply text for one command.

@@ -11,6 +11,7 @@
 #include "common/net.h"
 #include "common/spawn.h"
 #include "common/trace.h"
+#include "formats/txrx_datagram.h"
 
 namespace smsgw {
 
@@ -107,17 +108,17 @@ int write_conf_value(const Runtime& rt, const std::string& path, std::string_vie
     return write_key(path, rt.path("/var/config/temp_file.conf"), key, value) ? 1 : 0;
 }
 
-std::string set_sms_timer(const Runtime& rt, std::string_view seconds) {
+std::string set_sms_timer(const Runtime& rt, const TxrxLink& txrx, std::string_view seconds) {
     std::string s(seconds);
-    reply_to_txrx(rt, "cmd set-sms-timer " + s + " ");
+    txrx.send(encode_control_text("cmd set-sms-timer " + s + " "));
     send_to_http_client(rt, "set-sms-timer  " + s + "^|^");
     set_conf_value(rt, rt.path("/var/config/http_server_conf"), "timeout", seconds);
     return "SUCCESS";
 }
 
-std::string set_sms_status(const Runtime& rt, std::string_view state) {
+std::string set_sms_status(const Runtime& rt, const TxrxLink& txrx, std::string_view state) {
     std::string s(state);
-    reply_to_txrx(rt, "cmd set-sms-status " + s + " ");
+    txrx.send(encode_control_text("cmd set-sms-status " + s + " "));
     if (state != "disable") {
         // Every state but "disable" starts the client, whether one runs
         // already or not.
@@ -131,9 +132,10 @@ std::string set_sms_status(const Runtime& rt, std::string_view state) {
     return "SUCCESS";
 }
 
-std::string set_signal_strength_cmd(const Runtime& rt, std::string_view command) {
+std::string set_signal_strength_cmd(const Runtime& rt, const TxrxLink& txrx,
+                                    std::string_view command) {
     set_conf_value(rt, rt.path("/var/config/modem_conf"), "signal_strength_cmd", command);
-    reply_to_txrx(rt, "cmd signal_strength_cmd " + std::string(command));
+    txrx.send(encode_control_text("cmd signal_strength_cmd " + std::string(command)));
     return "SUCCESS";
 }
 

@@ -6,6 +6,7 @@
 #include <string_view>
 
 #include "common/runtime.h"
+#include "common/txrx_link.h"
 
 namespace smsgw {
 
@@ -19,8 +20,9 @@ int write_conf_value(const Runtime& rt, const std::string& path, std::string_vie
 
 // The settings commands; each tells txrx and the HTTP client and stores the
 // value. They reply "SUCCESS" whatever the notices and writes gave.
-std::string set_sms_timer(const Runtime& rt, std::string_view seconds);
-std::string set_sms_status(const Runtime& rt, std::string_view state);
-std::string set_signal_strength_cmd(const Runtime& rt, std::string_view command);
+std::string set_sms_timer(const Runtime& rt, const TxrxLink& txrx, std::string_view seconds);
+std::string set_sms_status(const Runtime& rt, const TxrxLink& txrx, std::string_view state);
+std::string set_signal_strength_cmd(const Runtime& rt, const TxrxLink& txrx,
+                                    std::string_view command);
 
 }  // namespace smsgw

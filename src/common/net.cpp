@@ -60,17 +60,6 @@ ssize_t send_udp(uint16_t port, const void* data, size_t len) {
     return ::sendto(fd.get(), data, len, 0, reinterpret_cast<sockaddr*>(&a), sizeof a);
 }
 
-const char* reply_to_txrx(const Runtime& rt, std::string_view text) {
-    char buf[100] = {};
-    Fd fd(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    if (fd.get() <= 0) return "ERROR";
-    size_t n = text.size() < 99 ? text.size() : 99;
-    std::memcpy(buf, text.data(), n);
-    sockaddr_in a = loopback(rt.ports.txrx_out());
-    ::sendto(fd.get(), buf, sizeof buf, 0, reinterpret_cast<sockaddr*>(&a), sizeof a);
-    return "SUCCESS";
-}
-
 ssize_t database_notice(const Runtime& rt, const std::string& path) {
     std::string msg = "add " + path;
     sockaddr_un a{};

@@ -1,5 +1,5 @@
 // Local datagram endpoints and the outgoing messages several subsystems
-// share: replies to txrx, the database notice, the http-client sender.
+// share: the database notice and the http-client sender.
 #pragma once
 
 #include <sys/types.h>
@@ -22,10 +22,6 @@ bool set_nonblocking(int fd);
 
 // Sends one datagram to 127.0.0.1:port from a fresh socket. Result of sendto.
 ssize_t send_udp(uint16_t port, const void* data, size_t len);
-
-// Control datagram to txrx: text (at most 99 characters) NUL-padded to
-// 100 bytes, sent to the txrx port. "SUCCESS", or "ERROR" when no socket.
-const char* reply_to_txrx(const Runtime& rt, std::string_view text);
 
 // "add PATH" with its NUL from rt.sql_sms_fd to the database writer's
 // socket "/var/run/SQL_SMS". Returns bytes sent or -1.

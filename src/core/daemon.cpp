@@ -87,7 +87,7 @@ SmsGateway::SmsGateway(std::string root, int port_offset, std::vector<std::strin
       ab_(rt_.reply_buffer),
       rules_(rt_),
       link_(rt_.ports),
-      parser_(rt_, ab_, rules_, dialing_),
+      parser_(rt_, ab_, rules_, dialing_, link_),
       sender_(rt_, ab_, link_),
       queue_(rt_, sender_),
       triggers_(rt_, ab_, rules_, sender_, queue_),

@@ -113,28 +113,16 @@ TEST_F(SendTest, MalformedRequestFilesNeverCrashAndKeepWhatIsReadable) {
         std::string bytes;
         std::vector<std::string> expect_numbers;
     };
+    // Every decoding shape is in the request-file table of the formats
+    // tests; these are the ones whose job must still be written.
     const Case cases[] = {
         {"empty file", "", {}},
-        {"only the head", h, {}},
         {"head cut short", h.substr(0, 30), {}},
-        {"sections out of order",
-         h + section("NAME:", 0) + section("NUMBER:", 8, std::string("111^|^\0", 7)),
-         {}},
-        {"unknown tag skips a section",
-         h + section("NUMBRR:", 7, std::string("111^|^\0", 7)) + section("NAME:", 0) +
-             section("GROUP:", 0),
-         {}},
         {"negative and zero lengths",
          h + section("NUMBER:", -5) + section("NAME:", 0) +
              section("GROUP:", 11, std::string("Friends^|^\0", 11)),
          {"+4903", "+4904"}},
         {"length larger than the file", h + section("NUMBER:", 0x7fffffff, "222^|^333"), {"222"}},
-        {"truncated inside a length", h + "NUMBER:" + std::string("\x01\x00", 2), {}},
-        {"section without terminating NUL", h + section("NUMBER:", 6, "444^|^"), {"444"}},
-        {"junk after the sections",
-         h + section("NUMBER:", 6, std::string("55^|^\0", 6)) + section("NAME:", 0) +
-             section("GROUP:", 0) + "trailing junk",
-         {"55"}},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);

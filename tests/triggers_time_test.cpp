@@ -3,10 +3,11 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <cstring>
+#include <optional>
 #include <string>
 
 #include "common/runtime.h"
+#include "formats/inbox_record.h"
 #include "support/test_support.h"
 #include "triggers/time_settings.h"
 
@@ -15,14 +16,8 @@ namespace {
 
 using test::TempDir;
 
-using test::i32_bytes;
-
-std::string inbox_record(const std::string& text) {
-    return i32_bytes(static_cast<int32_t>(text.size())) + text;
-}
-
 std::string loop_back(const std::string& date, const std::string& time) {
-    return "+4912345^|^" + date + "^|^" + time + "^|^TIMESETTINGS_LOOP_BACK_MSG";
+    return encode_inbox_record("+4912345", date, time, "TIMESETTINGS_LOOP_BACK_MSG");
 }
 
 TEST(DateArgument, BuiltFromTheStampsAsTheyStand) {
@@ -46,43 +41,28 @@ class InboxTest : public ::testing::Test {
     TempDir dir;
 };
 
-TEST_F(InboxTest, FirstLoopBackRecordInFileOrderIsUsed) {
-    write_inbox(inbox_record("+4911^|^24/01/01^|^01:01:01+00^|^hello") +
-                inbox_record("no separators at all") +
-                inbox_record(loop_back("24/03/01", "12:05:09+04")) +
-                inbox_record(loop_back("25/04/02", "13:06:10+04")));
-    LoopBackTime t = read_loop_back_time(inbox());
-    EXPECT_TRUE(t.opened);
-    EXPECT_TRUE(t.found);
-    EXPECT_EQ(t.date, "030112052024.09");
-}
-
-TEST_F(InboxTest, DamagedLengthsEndTheReading) {
-    const std::string good = inbox_record(loop_back("24/03/01", "12:05:09+04"));
-    const std::string cases[] = {
-        i32_bytes(-1) + good,
-        i32_bytes(0) + good,
-        i32_bytes(0x7fffffff) + good,
-        i32_bytes(static_cast<int32_t>(good.size()) + 1) + good,  // runs past the end
-        std::string("\x01\x00", 2),                               // length cut short
-        "",
+TEST_F(InboxTest, FirstLoopBackRecordInFileOrderSetsTheDate) {
+    const std::string good = loop_back("24/03/01", "12:05:09+04");
+    struct Case {
+        std::string inbox;
+        bool found;
+        std::optional<std::string> date;
+    } cases[] = {
+        {encode_inbox_record("+4911", "24/01/01", "01:01:01+00", "hello") + test::i32_bytes(4) +
+             "none" + good + loop_back("25/04/02", "13:06:10+04"),
+         true, "030112052024.09"},
+        {loop_back("24/03/01", "12:05:$(id)") + good, true, std::nullopt},
+        {test::i32_bytes(0) + good, false, std::nullopt},  // a damaged length ends the reading
+        {"", false, std::nullopt},
     };
-    for (const auto& content : cases) {
-        write_inbox(content);
+    for (const auto& c : cases) {
+        write_inbox(c.inbox);
         LoopBackTime t = read_loop_back_time(inbox());
         EXPECT_TRUE(t.opened);
-        EXPECT_FALSE(t.found);
-        EXPECT_FALSE(t.date);
+        EXPECT_EQ(t.found, c.found);
+        EXPECT_EQ(t.date, c.date);
     }
     EXPECT_FALSE(read_loop_back_time(dir / "missing").opened);
-}
-
-TEST_F(InboxTest, BadStampOfTheFirstLoopBackRecordLeavesTheClock) {
-    write_inbox(inbox_record(loop_back("24/03/01", "12:05:$(id)")) +
-                inbox_record(loop_back("24/03/01", "12:05:09+04")));
-    LoopBackTime t = read_loop_back_time(inbox());
-    EXPECT_TRUE(t.found);
-    EXPECT_FALSE(t.date);
 }
 
 // A date program that records its arguments, one per line.
@@ -100,14 +80,14 @@ class DateProgramTest : public InboxTest {
 
 TEST_F(DateProgramTest, RunsDateWithOneArgumentOnlyForAGoodRecord) {
     EXPECT_FALSE(set_time_from_loop_back(rt));  // no inbox
-    write_inbox(inbox_record(loop_back("24/03/01", "12:05:09;touch " + dir.path() + "/x")));
+    write_inbox(loop_back("24/03/01", "12:05:09;touch " + dir.path() + "/x"));
     EXPECT_FALSE(set_time_from_loop_back(rt));
-    write_inbox(inbox_record("+4911^|^24/03/01^|^12:05:09+04^|^just a text"));
+    write_inbox(encode_inbox_record("+4911", "24/03/01", "12:05:09+04", "just a text"));
     EXPECT_FALSE(set_time_from_loop_back(rt));
     EXPECT_FALSE(test::exists(log()));
     EXPECT_FALSE(test::exists(dir / "x"));
 
-    write_inbox(inbox_record(loop_back("24/03/01", "12:05:09+04")));
+    write_inbox(loop_back("24/03/01", "12:05:09+04"));
     EXPECT_TRUE(set_time_from_loop_back(rt));
     EXPECT_EQ(test::read_file(log()), "030112052024.09\n");
 }

@@ -424,8 +424,9 @@ int JobQueue::add_to_permodem_pending_jobs(std::string_view line) {
     if (!out) return -1;
     auto job_ln = static_cast<int32_t>(body);
     std::string header = encode_job_header(job_ln, 0, line);
-    // A failed body cuts the ring's write file, not the per-modem file: the
-    // queue has always recovered this way and depends on it.
+    // A failed body is rolled back in the ring's write file (to the per-modem
+    // file's old size), not in the per-modem file: the scheduler drops a torn
+    // per-modem record as damaged.
     if (!append_record(out, header, path, job_ln, target, pending_file(L_POS_), old_size))
         return -1;
     permodem_written_ = true;

@@ -174,7 +174,7 @@ PreparedJob Sender::send_sms_handler(std::string_view request, int is_slave) {
             trace("refused request file %s\n", line.path.c_str());
             return job;
         case RequestRead::Unopened:
-            trace("fopen failed - filename_from_gui,\n");
+            trace("cannot open request file %s\n", line.path.c_str());
             job.job_path = last_job_path_;
             job.again = true;
             return job;
@@ -212,7 +212,6 @@ PreparedJob Sender::prepare_job(PreparedJob job, const std::string& request_path
     outbox.text = file.text();
     outbox.sender = file.sender();
     job.unknown_recipient = expand_recipients(file, job.api, scratch.get(), outbox.recipients);
-    trace("After while()\n");
     scratch.reset();
     recipients_.recipients_add_file(scratch_path);
 
@@ -227,7 +226,6 @@ PreparedJob Sender::prepare_job(PreparedJob job, const std::string& request_path
         remove_file(*outbox_path);
     }
     remove_file(request_path);
-    trace("Before add_to_outbox()\n");
     return job;
 }
 
@@ -248,13 +246,11 @@ bool Sender::expand_recipients(const RequestFile& request, bool api, FILE* scrat
         FieldCutter cutter(text);
         while (auto item = cutter.next()) {
             if (i == kSectionNumbers || (i == kSectionNames && *item != "0")) {
-                trace("In if==0\n");
                 const std::string number(item->substr(0, kScratchNumber - 1));
                 std::fprintf(scratch, "%s\n", number.c_str());
                 // A NAME: pair lists its name in the outbox, not the number.
                 if (i == kSectionNames && !(item = cutter.next())) break;
             } else if (i == kSectionNames) {
-                trace("In if==1\n");
                 if (!(item = cutter.next())) break;
                 if (api && !unknown && !ab_.ab_find(*item)) unknown = true;
                 recipients_.recipients_add_contact(*item);

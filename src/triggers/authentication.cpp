@@ -72,7 +72,7 @@ int authenticate_sender(const Runtime& rt, int code, std::string_view trigger_va
               normalise_number(sender).c_str());
         if (number_matches(stored, sender)) {
             trace("Match found\n");
-            found = true;  // the whole list is still read, as the daemon always did
+            found = true;  // the rest of the list is still read
         }
     }
     return found ? code : kRefused;

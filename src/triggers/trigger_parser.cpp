@@ -164,6 +164,39 @@ void parse_text(FieldReader& fields, size_t max, int action, ParsedMessage& out)
     out.action = action;
 }
 
+// The fields behind the trigger word, read as the command `code` wants them.
+void parse_command_fields(const ParseContext& ctx, int code, const std::string& sender,
+                          const std::optional<std::string>& value, FieldReader& fields,
+                          size_t text_size, ParsedMessage& out) {
+    switch (code) {
+        case kActionSend:
+            parse_broadcast(sender, value, fields, out);
+            break;
+        case kActionDeleteEntry:
+            parse_delete_entry(sender, fields, out);
+            break;
+        case kActionDeleteGroup:
+            parse_text(fields, text_size, kActionDeleteGroup, out);
+            break;
+        case kActionAddEntry:
+            parse_add_entry(sender, fields, out);
+            break;
+        case kActionAddGroup:
+            parse_add_group(fields, out);
+            break;
+        case kActionAddPreconf:
+            trace("PRE START\n");
+            parse_text(fields, kSmsTextMax, kActionAddPreconf, out);
+            trace("PRE END\n");
+            break;
+        case kActionTimeSettings:
+            if (!ctx.time_settings_busy) out.action = kActionTimeSettings;
+            break;
+        default:
+            break;
+    }
+}
+
 }  // namespace
 
 size_t trigger_work_buffer_size(int contacts) {
@@ -254,7 +287,6 @@ ParsedMessage parse_trigger_sms(const ParseContext& ctx, std::string_view messag
     if (value) {
         command = value->substr(0, value->find(kSep));
     } else {
-        trace("In if(NULL)");
         command = clip(text, kCommandWordMax);
     }
     int code = classify_command(command);
@@ -269,33 +301,7 @@ ParsedMessage parse_trigger_sms(const ParseContext& ctx, std::string_view messag
         return out;
     }
 
-    switch (code) {
-        case kActionSend:
-            parse_broadcast(sender, value, fields, out);
-            break;
-        case kActionDeleteEntry:
-            parse_delete_entry(sender, fields, out);
-            break;
-        case kActionDeleteGroup:
-            parse_text(fields, text.size(), kActionDeleteGroup, out);
-            break;
-        case kActionAddEntry:
-            parse_add_entry(sender, fields, out);
-            break;
-        case kActionAddGroup:
-            parse_add_group(fields, out);
-            break;
-        case kActionAddPreconf:
-            trace("PRE START\n");
-            parse_text(fields, kSmsTextMax, kActionAddPreconf, out);
-            trace("PRE END\n");
-            break;
-        case kActionTimeSettings:
-            if (!ctx.time_settings_busy) out.action = kActionTimeSettings;
-            break;
-        default:
-            break;
-    }
+    parse_command_fields(ctx, code, sender, value, fields, text.size(), out);
     return out;
 }
 

@@ -73,28 +73,37 @@ smsgw_new_log() {
     rm -f "$smsgw_pidfile"
 }
 
+# Whether the deadline $1 (from smsgw_deadline) has passed. Seconds of
+# date(1), so a sleep that cannot nap for a fraction of a second does not
+# stretch the wait.
+smsgw_deadline() { echo $(($(date +%s) + $1)); }
+smsgw_passed() { [ "$(date +%s)" -ge "$1" ]; }
+smsgw_nap() { sleep 0.1 2>/dev/null || sleep 1; }
+
 smsgw_failed() {
     echo "smsgwd: $1; its last messages ($smsgw_log):" >&2
     tail -n 5 "$smsgw_log" >&2
     return 1
 }
 
-# After the start: waits up to $1 seconds for the daemon's start-up notice.
-# It probes every serial port for a modem first (3 s each).
+# After the start: waits up to $1 seconds for the daemon's start-up notice
+# (0: does not wait). It probes every serial port for a modem first (3 s
+# each).
 smsgw_wait_started() {
-    local n=0
+    local end
+    [ "$1" -gt 0 ] || return 0
+    end=$(smsgw_deadline "$1")
     while ! grep -q ' started: root ' "$smsgw_log" 2>/dev/null; do
-        if grep -q 'not started: \|^Open Failed' "$smsgw_log" 2>/dev/null ||
+        if grep -q -e 'not started: ' -e '^Open Failed' "$smsgw_log" 2>/dev/null ||
             { [ -s "$smsgw_pidfile" ] && ! smsgw_pid >/dev/null; }; then
             smsgw_failed "it ended during start-up"
             return 1
         fi
-        [ "$n" -ge "$(($1 * 10))" ] && {
+        if smsgw_passed "$end"; then
             smsgw_failed "no start-up notice within $1 s"
             return 1
-        }
-        sleep 0.1
-        n=$((n + 1))
+        fi
+        smsgw_nap
     done
 }
 
@@ -102,12 +111,12 @@ smsgw_wait_started() {
 # end. After $1 seconds it is killed (unsaved changes are lost then). What
 # it saved goes into the archives.
 smsgw_stop() {
-    local pid n=0 txrx
+    local pid end txrx
     if pid=$(smsgw_pid); then
         kill -TERM "$pid" 2>/dev/null
-        while smsgw_pid >/dev/null && [ "$n" -lt "$(($1 * 10))" ]; do
-            sleep 0.1
-            n=$((n + 1))
+        end=$(smsgw_deadline "$1")
+        while smsgw_pid >/dev/null && ! smsgw_passed "$end"; do
+            smsgw_nap
         done
         if smsgw_pid >/dev/null; then
             echo "smsgwd: did not end within $1 s; killed, unsaved changes are lost" >&2
@@ -126,20 +135,20 @@ smsgw_stop() {
 # SIGUSR1 makes the daemon save the address book; it notes "after
 # strcpy,parse" in var/run/save_flg_file when done. Then into the archives.
 smsgw_save() {
-    local pid marks n=0
+    local pid marks end
     pid=$(smsgw_pid) || {
         echo "smsgwd is not running" >&2
         return 1
     }
     marks=$(smsgw_save_marks)
     kill -USR1 "$pid"
+    end=$(smsgw_deadline 10)
     while [ "$(smsgw_save_marks)" = "$marks" ]; do
-        [ "$n" -ge 100 ] && {
+        if smsgw_passed "$end"; then
             echo "smsgwd: no save within 10 s" >&2
             return 1
-        }
-        sleep 0.1
-        n=$((n + 1))
+        fi
+        smsgw_nap
     done
     smsgw_archive
 }

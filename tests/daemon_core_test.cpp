@@ -13,6 +13,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <optional>
 #include <string>
 #include <vector>
@@ -291,25 +292,36 @@ TEST(DaemonCoreCommandLine, RefusedCommandLinesExitWithStatus2) {
 // The exit status stays 0 as on a router, but the log names what is missing.
 TEST(DaemonCoreCommandLine, StartUpFailureEndsWithStatus0AndSaysWhy) {
     const int offset = random_port_offset();
-    for (bool port_taken : {true, false}) {
+    const auto port = [&](int base, const char* peer) {
+        return "not started: cannot bind UDP port " + std::to_string(base + offset) +
+               " on 127.0.0.1 (" + peer + "): Address already in use\n";
+    };
+    struct Case {
+        int taken_port;           // 0: none
+        const char* missing_dir;  // removed from the prepared root
+        std::string why;          // ROOT stands for the root
+    };
+    const std::string no_entry = ": No such file or directory\n";
+    for (const Case& c : std::vector<Case>{
+             {20207, "", port(20207, "load balancer")},
+             {20205, "", port(20205, "web interface")},
+             {20206, "", port(20206, "txrx reports")},
+             {0, "var/run",
+              "not started: cannot bind ROOT/var/run/SQL_SMSTEMP (database notices)" + no_entry},
+             {0, "var", "cannot make directory ROOT/var/Jobs" + no_entry}}) {
         TempDir root;
         prepare_root(root.path());
         std::optional<UdpListener> squatter;
-        if (port_taken) {
-            squatter.emplace(20205 + offset);
-            ASSERT_TRUE(squatter->ok());
-        } else {
-            ASSERT_EQ(::rmdir((root / "var/run").c_str()), 0);
+        if (c.taken_port) {
+            ASSERT_TRUE(squatter.emplace(c.taken_port + offset).ok());
         }
+        if (*c.missing_dir) std::filesystem::remove_all(root / c.missing_dir);
         auto [status, out] = run_smsgwd(
             {"--root", root.path(), "--port-offset", std::to_string(offset)}, root / "out");
         EXPECT_EQ(status, 0);
-        const std::string why =
-            port_taken ? "not started: cannot bind UDP port " + std::to_string(20205 + offset) +
-                             " on 127.0.0.1 (web interface): Address already in use\n"
-                       : "not started: cannot bind " + (root / "var/run/SQL_SMSTEMP") +
-                             " (database notices): No such file or directory\n";
-        EXPECT_NE(out.find(why), std::string::npos) << out;
+        std::string why = c.why;
+        if (why.find("ROOT") != std::string::npos) why.replace(why.find("ROOT"), 4, root.path());
+        EXPECT_NE(out.find("modem: " + why), std::string::npos) << out;
         EXPECT_FALSE(exists(root / "var/run/txrx_pid_file"));  // no txrx was started
     }
 }

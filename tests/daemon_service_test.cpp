@@ -39,6 +39,7 @@ TEST_F(DaemonStop, TermAndIntSaveTheBookAndEndTheChildren) {
                                 std::to_string(20205 + offset_) + ", txrx "),
               std::string::npos)
         << daemon_log();
+    EXPECT_EQ(daemon_log().find("cannot "), std::string::npos) << daemon_log();
     int n = 0;
     for (int sig : {SIGTERM, SIGINT}) {
         add("P" + std::to_string(++n));

@@ -18,9 +18,9 @@ procd_append_param() {
 }
 procd_close_instance() {
     set --
+    while IFS= read -r a; do set -- "$@" "$a"; done <"$state/env"
     while IFS= read -r a; do set -- "$@" "$a"; done <"$state/command"
-    # shellcheck disable=SC2046 # one NAME=value a line
-    env $(cat "$state/env") "$@" &
+    env "$@" &
     echo $! >"$state/pid"
 }
 

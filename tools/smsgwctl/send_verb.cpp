@@ -11,6 +11,7 @@
 #include "client.h"
 #include "common/fileops.h"
 #include "common/text.h"
+#include "formats/job_header.h"
 #include "formats/job_stats.h"
 #include "formats/request_file.h"
 #include "listings.h"
@@ -22,6 +23,8 @@ namespace {
 // The daemon takes request file paths up to this length.
 constexpr size_t kMaxRequestPath = 87;
 constexpr size_t kTextRoom = 159;
+// The queue takes no job once it holds this many bytes.
+constexpr int32_t kQueueLimit = 4194304;
 
 struct Sections {
     std::string numbers, names, groups;  // the recipient texts of the request file
@@ -123,15 +126,17 @@ int report_queued(const Global& g, const Client& c, const std::string& path) {
     const QueueState q = read_queue(c);
     JsonObject j;
     j.str("request_file", path);
+    // The record keeps the request line as far as its field holds it.
+    const std::string line = ("send-sms " + path).substr(0, JobHeader::kFromSize - 1);
     for (const auto& job : q.jobs) {
-        if (job.request != "send-sms " + path) continue;
+        if (job.request != line) continue;
         return succeed(
             g,
             "queued at position " + std::to_string(job.position) + " of " +
                 std::to_string(q.jobs.size()),
             j.str("state", "queued").num("position", static_cast<long long>(job.position)));
     }
-    if (q.full || (q.table && q.table->TOTAL_SIZE >= 4194304))
+    if (q.full || (q.table && q.table->TOTAL_SIZE >= kQueueLimit))
         refused("the job queue is full", "OK");
     return succeed(g, "queued, and already handed on from the queue", j.str("state", "queued"));
 }

@@ -88,12 +88,16 @@ TEST_F(RecipientsTest, BehavesLikeAnOrderedCaseBlindSet) {
 
 TEST_F(RecipientsTest, LimitStopsCountedInsertionsButNotTheFile) {
     char buf[16];
-    for (int i = 0; i < RecipientSet::kLimit; ++i) {
+    for (int i = 0; i < RecipientSet::kLimit - 1; ++i) {
         std::snprintf(buf, sizeof buf, "9%07d", i);
         ASSERT_TRUE(set.recipients_add(buf, 0)) << i;
     }
+    ab.ab_insert("Last", "456", "");
+    ab.ab_insert("Late", "789", "");
+    ab.group_create("G");
+    ab.group_add_contact("G", "Last");
+    EXPECT_EQ(set.recipients_add_group("G"), 1);  // the last place is taken
     EXPECT_FALSE(set.recipients_add("123", 0));
-    ab.ab_insert("Late", "456", "");
     set.recipients_add_contact("Late");
     EXPECT_EQ(set.recipient_count(), RecipientSet::kLimit);
 
@@ -109,6 +113,10 @@ TEST_F(RecipientsTest, LimitStopsCountedInsertionsButNotTheFile) {
     // A missing list counts as empty.
     set.recipients_add_file(dir / "absent");
     EXPECT_EQ(set.recipient_count(), RecipientSet::kLimit + 2);
+    // A write that fails is reported.
+    FilePtr full = open_file("/dev/full", "w");
+    ASSERT_TRUE(full);
+    EXPECT_FALSE(set.recipients_write(full.get()));
 }
 
 TEST_F(RecipientsTest, ContactsAndGroupsAreMergedWithoutDuplicates) {

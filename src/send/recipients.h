@@ -54,7 +54,7 @@ class RecipientSet {
     struct Number {
         uint32_t offset;  // into text_
         uint32_t size;
-        uint32_t hash;  // of the case-folded text
+        uint32_t hash;  // of the case-folded text, for growing the table
     };
     // A number's place in the written order: its first eight case-folded
     // bytes as a big-endian word decide, the whole text only on a tie.

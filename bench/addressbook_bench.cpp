@@ -4,6 +4,8 @@
 //
 //   load    ab_load of the contact file  vs  fgets + splitting at "^|^"
 //   save    ab_save_contacts             vs  the same bytes through one stream
+//           (the formatting; the whole durable save is judged end to end
+//           against a durable write in e2e_bench)
 //   lookup  ab_find of every name        vs  std::map<std::string,int>::find
 //   memory  heap bytes per contact beyond its text (mallinfo2)
 #include <malloc.h>

@@ -231,6 +231,18 @@ double cpu_seconds(pid_t pid) {
     return static_cast<double>(ns) * 1e-9;
 }
 
+// A "kB" figure of /proc/PID/status, -1 when absent.
+long long status_kb(pid_t pid, const std::string& key) {
+    std::FILE* f = std::fopen(("/proc/" + std::to_string(pid) + "/status").c_str(), "r");
+    long long kb = -1;
+    char line[256];
+    while (f && std::fgets(line, sizeof line, f))
+        if (std::strncmp(line, (key + ":").c_str(), key.size() + 1) == 0)
+            kb = std::atoll(line + key.size() + 1);
+    if (f) std::fclose(f);
+    return kb;
+}
+
 struct Batch {
     double rate = 0;        // round trips per second; 0 when a reply went missing
     double server_cpu = 0;  // the server's CPU time per round trip, seconds
@@ -316,33 +328,50 @@ std::string expected_job(const std::string& text, std::vector<std::string> numbe
     return image;
 }
 
+// Wall time, and CPU time of the process doing the work, in seconds.
+struct Cost {
+    double wall = 0, cpu = 0;
+};
+
+double thread_cpu_seconds() {
+    timespec ts{};
+    ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ts);
+    return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) * 1e-9;
+}
+
 // The baseline: the same bytes written with one stream, record by record.
-double write_with_one_stream(const std::string& path, const std::string& image) {
+Cost write_with_one_stream(const std::string& path, const std::string& image) {
+    Cost c;
+    const double cpu0 = thread_cpu_seconds();
     auto t0 = Clock::now();
     FILE* f = std::fopen(path.c_str(), "w");
-    if (!f) return 0;
+    if (!f) return c;
     std::fwrite(image.data(), 1, 160, f);
     for (size_t off = 160; off + 50 <= image.size(); off += 50)
         std::fwrite(image.data() + off, 1, 50, f);
     std::fclose(f);
-    double s = seconds_since(t0);
+    c.wall = seconds_since(t0);
+    c.cpu = thread_cpu_seconds() - cpu0;
     ::unlink(path.c_str());
-    return s;
+    return c;
 }
 
 // One send from the request datagram to the hand-off datagram; the job file
 // is checked against `expected` and removed. nullopt when anything failed.
-std::optional<double> send_all_once(Sandbox& box, test::UdpClient& web, test::UdpListener& peer,
-                                    const std::string& request_file, const std::string& expected,
-                                    int run) {
+std::optional<Cost> send_all_once(Sandbox& box, test::UdpClient& web, test::UdpListener& peer,
+                                  const std::string& request_file, const std::string& expected,
+                                  int run) {
     const std::string path = box.path("tmp/all-" + std::to_string(run));
     test::write_file(path, request_file);
     const std::string text = "send-sms " + path;
+    Cost c;
+    const double cpu0 = cpu_seconds(box.pid());
     auto t0 = Clock::now();
     web.send_to(box.port(20205), std::to_string(text.size()));
     web.send_to(box.port(20205), text);
     std::optional<std::string> handoff = peer.receive(kDeadline);
-    double s = seconds_since(t0);
+    c.wall = seconds_since(t0);
+    c.cpu = cpu_seconds(box.pid()) - cpu0;
     std::optional<std::string> reply = web.receive(kDeadline);
     if (!handoff || !reply || !reply->empty()) return std::nullopt;
     const std::string job = handoff->substr(0, handoff->find('\0'));
@@ -354,7 +383,7 @@ std::optional<double> send_all_once(Sandbox& box, test::UdpClient& web, test::Ud
     txrx.send_to(box.port(20206), "P_JB");
     if (!same || !web.request(box.port(20205), "get-sms total-entries groups^|^", kDeadline))
         return std::nullopt;
-    return s;
+    return c;
 }
 
 void bench_send_all(const Book& book) {
@@ -369,25 +398,31 @@ void bench_send_all(const Book& book) {
     const std::string request_file = smsgw::encode_request_file("admin", text, "__ALL__", "", "");
     const std::string expected = expected_job(text, book.numbers);
     test::UdpClient web;
-    std::vector<double> daemon, baseline;
+    std::vector<double> d_wall, d_cpu, b_wall, b_cpu;
     for (int run = 0; run <= kSendRuns; ++run) {
-        auto s = send_all_once(box, web, peer, request_file, expected, run);
-        if (!s) {
+        auto d = send_all_once(box, web, peer, request_file, expected, run);
+        if (!d) {
             std::printf("send to __ALL__: no hand-off, no reply or a wrong job file (run %d)\n",
                         run);
             ++failures;
             return;
         }
-        double b = write_with_one_stream(box.path("tmp/baseline"), expected);
+        Cost b = write_with_one_stream(box.path("tmp/baseline"), expected);
         if (run == 0) continue;  // warm-up
-        daemon.push_back(*s);
-        baseline.push_back(b);
+        d_wall.push_back(d->wall);
+        d_cpu.push_back(d->cpu);
+        b_wall.push_back(b.wall);
+        b_cpu.push_back(b.cpu);
     }
-    const double d = median(daemon), b = median(baseline), ratio = d / b;
+    const double d = median(d_wall), b = median(b_wall), ratio = d / b;
     std::printf(
         "send to __ALL__ (%zu contacts), request datagram to hand-off datagram: daemon %.2f ms, "
         "one stream %.2f ms, ratio %.2f (goal <= 5) %s\n",
         book.numbers.size(), d * 1e3, b * 1e3, ratio, verdict(ratio <= 5));
+    std::printf("  CPU time: daemon %.2f ms, one stream %.2f ms (ratio %.2f)\n",
+                median(d_cpu) * 1e3, median(b_cpu) * 1e3, median(d_cpu) / median(b_cpu));
+    std::printf("  daemon memory after the sends: VmRSS %lld kB, VmHWM %lld kB\n",
+                status_kb(box.pid(), "VmRSS"), status_kb(box.pid(), "VmHWM"));
 }
 
 // ------------------------------------------------------------------ save

@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include "common/bytes.h"
 #include "common/paths.h"
 #include "common/text.h"
 
@@ -59,18 +58,6 @@ TEST(ReplyBuffer, KeepsAtMost255Bytes) {
     ReplyBuffer r;
     r.set(std::string(1000, 'x'));
     EXPECT_EQ(r.str().size(), 255u);
-}
-
-TEST(Bytes, FieldsAreBoundedAndPadded) {
-    char f[8];
-    copy_field(f, sizeof f, "0123456789");
-    EXPECT_EQ(field_text(f, sizeof f), "0123456");
-    copy_field(f, sizeof f, "ab");
-    EXPECT_EQ(f[2], '\0');
-    EXPECT_EQ(f[7], '\0');
-    unsigned char b[4];
-    put_i32(b, 0x01020304);
-    EXPECT_EQ(get_i32(b), 0x01020304);
 }
 
 TEST(Paths, MapsUnderTheRootAndBack) {

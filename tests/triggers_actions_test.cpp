@@ -12,6 +12,7 @@
 #include "addressbook/address_book.h"
 #include "commands/rule_lists.h"
 #include "common/runtime.h"
+#include "formats/job_file.h"
 #include "formats/request_file.h"
 #include "jobs/job_queue.h"
 #include "send/sender.h"
@@ -34,12 +35,6 @@ using namespace std::chrono_literals;
 
 std::string sms(const std::string& sender, const std::string& text) {
     return test::sms_record(sender, text);
-}
-
-std::string padded(const std::string& text, size_t size) {
-    std::string out = text;
-    out.resize(size, '\0');
-    return out;
 }
 
 class ActionsTest : public ::testing::Test {
@@ -201,12 +196,7 @@ TEST_F(ActionsTest, BroadcastIsSentToTheGroupMembers) {
     EXPECT_TRUE(link.job_outstanding());
     std::string job = reply_text();
     ASSERT_EQ(job.rfind(dir / "tmp/", 0), 0u) << job;
-    std::string body = test::read_file(job);
-    ASSERT_EQ(body.size(), 160u + 2 * 50u);
-    EXPECT_EQ(body.substr(0, 160), padded("Doors open", 160));
-    std::string a = body.substr(160, 50), b = body.substr(210, 50);
-    EXPECT_TRUE((a == padded("+4911", 50) && b == padded("+4922", 50)) ||
-                (a == padded("+4922", 50) && b == padded("+4911", 50)));
+    EXPECT_EQ(test::read_file(job), encode_job_file("Doors open", {"+4911", "+4922"}));
     EXPECT_TRUE(exists(dir / "var/Outbox/outbox_slave_tmp"));
     // Only the job file is left of the request.
     EXPECT_FALSE(exists(dir / "var/run/pending_jobs"));
@@ -239,7 +229,7 @@ TEST_F(ActionsTest, BroadcastWaitsInTheQueueWhileAJobIsOutstanding) {
     ASSERT_EQ(datagram->size(), 100u);
     std::string path(datagram->c_str());
     EXPECT_EQ(path, reply_text());
-    EXPECT_EQ(test::read_file(path).substr(0, 160), padded("Doors open", 160));
+    EXPECT_EQ(decode_job_file(test::read_file(path))->text(), "Doors open");
 }
 
 TEST_F(ActionsTest, ApiCommandTriggers) {
@@ -278,7 +268,7 @@ TEST_F(ActionsTest, ApiBroadcastTriggerGoesToTxrx) {
     std::string text = datagram->substr(0, datagram->size() - 1);
     ASSERT_EQ(text.rfind("api " + (dir / "tmp/"), 0), 0u) << text;
     EXPECT_EQ(text.substr(text.size() - 2), "-7");
-    EXPECT_EQ(test::read_file(text.substr(4)).substr(0, 160), padded("Doors open", 160));
+    EXPECT_EQ(decode_job_file(test::read_file(text.substr(4)))->text(), "Doors open");
     EXPECT_TRUE(link.job_outstanding());
     EXPECT_EQ(api_status(7), kApiTaken);
     EXPECT_FALSE(exists(path));
@@ -289,10 +279,10 @@ TEST_F(ActionsTest, ApiBroadcastTriggerIsQueuedWithItsUser) {
     link.job_handed_over();
     std::string path = request_file("req-42", "Open");
     EXPECT_EQ(triggers->api_ProcessTrigs("send-sms api2 " + path), 1);
-    std::string queued = read("var/Jobs/Pending_Jobs_1");
-    ASSERT_GE(queued.size(), 108u);
-    EXPECT_EQ(std::string(queued.c_str() + 20), "ISBRDTRIGapi42-admin");
-    EXPECT_EQ(queued.substr(108, 50), padded("0", 50));
+    const std::string body = encode_broadcast_body({"0", "Staff]|[", "Doors open"});
+    EXPECT_EQ(
+        read("var/Jobs/Pending_Jobs_1"),
+        encode_job_header(static_cast<int32_t>(body.size()), 0, "ISBRDTRIGapi42-admin") + body);
 }
 
 TEST_F(ActionsTest, RefusedRequestFilesAreLeftAlone) {

@@ -1,6 +1,6 @@
 #include "formats/api_status.h"
 
-#include "common/bytes.h"
+#include "formats/bytes.h"
 
 namespace smsgw {
 

@@ -1,6 +1,6 @@
 #include "formats/broadcast_record.h"
 
-#include "common/bytes.h"
+#include "formats/bytes.h"
 
 namespace smsgw {
 

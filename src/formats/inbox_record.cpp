@@ -1,7 +1,7 @@
 #include "formats/inbox_record.h"
 
-#include "common/bytes.h"
 #include "common/text.h"
+#include "formats/bytes.h"
 
 namespace smsgw {
 

@@ -1,6 +1,6 @@
 #include "formats/job_file.h"
 
-#include "common/bytes.h"
+#include "formats/bytes.h"
 
 namespace smsgw {
 
@@ -8,9 +8,13 @@ std::string JobFile::text() const {
     return text_field.substr(0, text_field.find('\0'));
 }
 
+void put_recipient_record(char* record, std::string_view number) {
+    copy_field(record, JobFile::kRecordSize, number);
+}
+
 void append_recipient_record(std::string& out, std::string_view number) {
     char record[JobFile::kRecordSize];
-    copy_field(record, sizeof record, number);
+    put_recipient_record(record, number);
     out.append(record, sizeof record);
 }
 

@@ -28,6 +28,8 @@ struct JobFile {
 
 // Appends one 50-byte recipient record (the number cut to 49 characters).
 void append_recipient_record(std::string& out, std::string_view number);
+// The same into a record of the caller's. REQUIRES: 50 bytes at `record`.
+void put_recipient_record(char* record, std::string_view number);
 
 // The 160-byte text field (cut or zero-filled to size), then the records.
 std::string encode_job_file(std::string_view text_field, const std::vector<std::string>& numbers);

@@ -1,6 +1,6 @@
 #include "formats/job_header.h"
 
-#include "common/bytes.h"
+#include "formats/bytes.h"
 
 namespace smsgw {
 

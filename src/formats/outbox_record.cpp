@@ -1,6 +1,6 @@
 #include "formats/outbox_record.h"
 
-#include "common/bytes.h"
+#include "formats/bytes.h"
 
 namespace smsgw {
 

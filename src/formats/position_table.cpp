@@ -1,6 +1,6 @@
 #include "formats/position_table.h"
 
-#include "common/bytes.h"
+#include "formats/bytes.h"
 
 namespace smsgw {
 

@@ -1,6 +1,6 @@
 #include "formats/request_file.h"
 
-#include "common/bytes.h"
+#include "formats/bytes.h"
 
 namespace smsgw {
 

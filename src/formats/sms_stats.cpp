@@ -1,6 +1,6 @@
 #include "formats/sms_stats.h"
 
-#include "common/bytes.h"
+#include "formats/bytes.h"
 
 namespace smsgw {
 

@@ -1,6 +1,6 @@
 #include "formats/txrx_datagram.h"
 
-#include "common/bytes.h"
+#include "formats/bytes.h"
 
 namespace smsgw {
 

@@ -2,8 +2,8 @@
 
 #include <algorithm>
 
-#include "common/bytes.h"
 #include "common/text.h"
+#include "formats/bytes.h"
 
 namespace smsgw {
 

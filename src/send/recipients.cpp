@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "common/fileops.h"
+#include "formats/job_file.h"
 
 namespace smsgw {
 
@@ -166,9 +167,7 @@ bool RecipientSet::recipients_write(FILE* stream) {
     size_t used = 0;
     for (const SortKey& key : order_) {
         std::string_view number = text_of(key.index);
-        char* record = block_.data() + used;
-        std::memcpy(record, number.data(), number.size());
-        std::memset(record + number.size(), 0, kRecordSize - number.size());
+        put_recipient_record(block_.data() + used, number);
         used += kRecordSize;
         if (used == block_.size()) {
             if (std::fwrite(block_.data(), 1, used, stream) != used) return false;

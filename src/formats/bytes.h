@@ -1,5 +1,6 @@
-// Fixed-size byte layouts at the file and wire boundary: integers in the
-// host's byte order (big-endian on the router) and NUL-padded text fields.
+// The byte helpers of the codecs: integers in the host's byte order
+// (big-endian on the router) and NUL-padded text fields. Only formats/
+// includes this; everything else works with the decoded values.
 #pragma once
 
 #include <cstddef>

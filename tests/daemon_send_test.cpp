@@ -3,6 +3,7 @@
 // counted and handed over one at a time in order, also across a kill -9
 // and restart.
 #include <signal.h>
+#include <sys/stat.h>
 
 #include <string>
 #include <vector>
@@ -84,6 +85,12 @@ TEST_F(DaemonSend, QueueSurvivesAKillAndRestart) {
     EXPECT_EQ(send("c", "2003^|^"), "OK");
 
     stop();  // SIGKILL, reaped, its txrx children ended
+    // A transceiver slow to take its port: the first queued job must still
+    // reach it rather than a port nobody listens on.
+    ASSERT_EQ(::rename(path("bin/txrx").c_str(), path("bin/txrx-real").c_str()), 0);
+    write_file(path("bin/txrx"),
+               "#!/bin/bash\nsleep 0.7\nexec -a \"$0\" \"${0%/*}/txrx-real\" \"$@\"\n");
+    ::chmod(path("bin/txrx").c_str(), 0755);
     start();
     // The restarted daemon has no job outstanding: the first queued job goes
     // out on its own, the next after the report.

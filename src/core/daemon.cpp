@@ -41,6 +41,9 @@ constexpr size_t kReplyMax = 599;
 // A length datagram whose request does not follow within this time is
 // dropped, so a half-sent request cannot stall the loop.
 constexpr int kRequestWaitMs = 1000;
+// How long start-up lets the new txrx children take their port before the
+// first queued job is handed over.
+constexpr std::chrono::milliseconds kTxrxListenWait{3000};
 // Resynchronising on a length datagram found in the request's place waits
 // this long for the request it announces.
 constexpr int kRealignWaitMs = 100;
@@ -127,7 +130,11 @@ bool SmsGateway::start_up() {
     if (!ep_.open_all(rt_)) return false;
     rt_.sql_sms_fd = ep_.sql_sms.get();
 
-    txrx_.spawn_txrx_for_each_modem();
+    const std::vector<pid_t> started = txrx_.spawn_txrx_for_each_modem();
+    if (!started.empty() &&
+        !txrx_.wait_until_listening(started, rt_.ports.txrx_out(), kTxrxListenWait))
+        syslog(LOG_WARNING, "txrx does not listen on port %u yet; jobs may wait for it",
+               rt_.ports.txrx_out());
     start_time_client_timer();
 
     queue_.init_job_pos_table();

@@ -203,6 +203,21 @@ bool TxrxSupervisor::txrx_monitor() {
     return restarted;
 }
 
+bool TxrxSupervisor::wait_until_listening(const std::vector<pid_t>& started, uint16_t port,
+                                          std::chrono::milliseconds limit) const {
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    for (;;) {
+        if (udp_port_bound(port)) return true;
+        // A child that ended is left unreaped for txrx_monitor to see.
+        bool alive = std::any_of(started.begin(), started.end(), [](pid_t pid) {
+            std::string state = process_state(pid);
+            return !state.empty() && state != "zombie";
+        });
+        if (!alive || std::chrono::steady_clock::now() >= deadline) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+}
+
 void TxrxSupervisor::track(pid_t pid) {
     if (pid > 0) children_.push_back(pid);
 }
@@ -231,6 +246,23 @@ void TxrxSupervisor::reap_exited(pid_t keep) {
         return r == child || (r < 0 && errno == ECHILD);
     };
     children_.erase(std::remove_if(children_.begin(), children_.end(), gone), children_.end());
+}
+
+bool udp_port_bound(uint16_t port) {
+    FilePtr table = open_file("/proc/net/udp", "r");
+    if (!table) return false;
+    char line[256];
+    // "   0: 0100007F:4EEA 00000000:0000 07 ...": the local port is the hex
+    // number after the second colon; the heading line has no such number.
+    while (std::fgets(line, sizeof line, table.get())) {
+        const char* slot_end = std::strchr(line, ':');
+        const char* port_at = slot_end ? std::strchr(slot_end + 1, ':') : nullptr;
+        if (!port_at) continue;
+        char* end = nullptr;
+        unsigned long local = std::strtoul(port_at + 1, &end, 16);
+        if (end != port_at + 1 && *end == ' ' && local == port) return true;
+    }
+    return false;
 }
 
 std::string process_state(pid_t pid) {

@@ -9,6 +9,7 @@
 #include <sys/types.h>
 
 #include <chrono>
+#include <cstdint>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -49,6 +50,13 @@ class TxrxSupervisor {
     // Starts one txrx per line of the modem list; the pids started.
     std::vector<pid_t> spawn_txrx_for_each_modem();
 
+    // Waits until a txrx listens on `port`, every child in `started` has
+    // ended, or `limit` has passed. A job handed over before the new txrx
+    // listens would be lost, and the queue would wait for its report
+    // forever. True when the port is taken.
+    bool wait_until_listening(const std::vector<pid_t>& started, uint16_t port,
+                              std::chrono::milliseconds limit) const;
+
     // After a child exited: starts the children again when the txrx named in
     // "/var/run/txrx_pid_file" is a zombie, then reaps the children that have
     // exited. Returns whether it restarted them.
@@ -71,6 +79,9 @@ class TxrxSupervisor {
     std::vector<pid_t> children_;
     bool txrx_enabled_ = true;
 };
+
+// Whether some socket is bound to the UDP port (from /proc/net/udp).
+bool udp_port_bound(uint16_t port);
 
 // The text between the parentheses of the "State:" line of a
 // /proc/PID/status file ("zombie", "sleeping", ...), or "".

@@ -11,6 +11,7 @@
 
 #include "commands/intl_dialing.h"
 #include "commands/service_settings.h"
+#include "support/full_device.h"
 #include "support/test_support.h"
 
 using namespace smsgw;
@@ -62,16 +63,18 @@ TEST_F(SettingsTest, SetConfValueCreatesReplacesAndAppends) {
     EXPECT_EQ(write_conf_value(rt, dir / "var/config/api.conf", "last-done", "8"), 1);
     EXPECT_EQ(test::read_file(dir / "var/config/api.conf"), "last-done=8\n");
     EXPECT_EQ(write_conf_value(rt, dir / "no/such/dir/f", "k", "v"), 0);
-}
+    {
+        test::FullDevice full(100);  // a file that cannot be written stays as it was
+        EXPECT_EQ(set_conf_value(rt, conf(), "big", std::string(10000, 'v')), "ERROR");
+        EXPECT_EQ(set_conf_value(rt, conf(), "status", std::string(10000, 'v')), "ERROR");
+    }
+    EXPECT_EQ(test::read_file(conf()), "status=off\nstatus_long=x\ntimeout=1\nstatus=off\nnew=v\n");
 
-TEST_F(SettingsTest, LongLinesAreReadInPieces) {
-    // A 300-byte line is read as a 255-byte piece and its rest; a key at
-    // the start of the rest counts as a line of its own.
-    std::string first(255, 'a');
+    // Lines are read in 255-byte pieces: a key at the start of a piece
+    // counts as a line of its own.
+    std::string first(255, 'a'), big(10000, 'z');
     test::write_file(conf(), first + "timeout=9\nother=1\n");
     EXPECT_EQ(set_conf_value(rt, conf(), "timeout", "5"), "SUCCESS");
-    EXPECT_EQ(test::read_file(conf()), first + "timeout=5\nother=1\n");
-    std::string big(10000, 'z');
     EXPECT_EQ(set_conf_value(rt, conf(), "other", big), "SUCCESS");
     EXPECT_EQ(test::read_file(conf()), first + "timeout=5\nother=" + big + "\n");
 }
@@ -88,6 +91,8 @@ TEST_F(SettingsTest, DialingLoaderStopsAtTheFirstOfTheTwoLines) {
         {"nothing here\n", 0},
         {"", 0},
         {"int-dialing=enable\nmax-digits=abc\n", 0},
+        {"int-dialing= enable\nmax-digits= \t12\n", 12},  // blanks before the number
+        {"max-digits=-3\n", -3},
     };
     for (const auto& c : cases) {
         test::write_file(file, c.content);
@@ -104,8 +109,11 @@ TEST_F(SettingsTest, DialingLoaderStopsAtTheFirstOfTheTwoLines) {
 TEST_F(SettingsTest, DialingGetSetAndTheSharedWord) {
     SegmentCleanup cleanup{rt.ports.shm_key()};
     std::string file = dir / "var/config/international_dialing";
-    test::write_file(file, "int-dialing=disable\nmax-digits=12\n");
     DialingSegment seg;
+    test::write_file(file, "int-dialing= \tenable\nmax-digits=  12\n");
+    EXPECT_EQ(get_international_dialing(rt, seg, "dialing"), "checked");
+    EXPECT_EQ(get_international_dialing(rt, seg, "max-digits"), "12");
+    test::write_file(file, "int-dialing=disable\nmax-digits=12\n");
     ASSERT_TRUE(seg.attach_dialing_segment(rt));
     EXPECT_EQ(seg.value(), 0);
 

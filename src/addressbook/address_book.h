@@ -186,7 +186,7 @@ class AddressBook {
     // Groups after the list head, in list order.
     Group* first_group() { return group_list_.next.get(); }
 
-    TrieNode& trie_root() { return trie_root_; }
+    const TrieNode& trie_root() const { return trie_root_; }
 
   private:
     // Where a walk ended: the node, the pointer that owns it (the previous

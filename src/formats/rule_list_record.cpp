@@ -74,7 +74,7 @@ std::string encode_rule_record(std::string_view text) {
     return out;
 }
 
-std::string rule_record_text(std::initializer_list<std::string_view> fields) {
+std::string rule_record_text(const std::vector<std::string_view>& fields) {
     std::string text(kSep);
     for (std::string_view f : fields) {
         text.append(f);

@@ -16,7 +16,6 @@
 #pragma once
 
 #include <cstddef>
-#include <initializer_list>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -59,6 +58,6 @@ std::vector<std::string_view> rule_record_fields(std::string_view text);
 // One record as stored: L, then the text.
 std::string encode_rule_record(std::string_view text);
 // The text "^|^" F1 "^|^" F2 "^|^" ... of the given fields.
-std::string rule_record_text(std::initializer_list<std::string_view> fields);
+std::string rule_record_text(const std::vector<std::string_view>& fields);
 
 }  // namespace smsgw

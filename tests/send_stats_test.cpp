@@ -1,6 +1,7 @@
 // Statistics files: the job counters text, the SMS counters, and which API
 // status record an update lands in.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <string>
 
@@ -43,8 +44,12 @@ TEST_F(StatsTest, JobCountersRewriteTheirFileOnEveryReportedChange) {
         (counters.*step.change)();
         EXPECT_EQ(test::read_file(path), step.file);
     }
-    // A file changed behind the counters' back is rewritten.
-    test::write_file(path, "junk");
+    // A file changed (to the same size) or removed behind the counters'
+    // back is rewritten.
+    test::write_file(path, "9\n9\n9");
+    counters.queue_drained();
+    EXPECT_EQ(test::read_file(path), "0\n1\n3");
+    ::unlink(path.c_str());
     counters.queue_drained();
     EXPECT_EQ(test::read_file(path), "0\n1\n3");
 }

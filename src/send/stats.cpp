@@ -54,14 +54,38 @@ void JobCounters::queue_drained() {
     write();
 }
 
-void JobCounters::write() const {
+std::optional<JobCounters::FileMark> JobCounters::file_mark(const std::string& path) {
+    struct stat st {};
+    if (::lstat(path.c_str(), &st) != 0) return std::nullopt;
+    return FileMark{st.st_dev, st.st_ino, st.st_size, st.st_mtim, st.st_ctim};
+}
+
+bool JobCounters::same(const std::optional<FileMark>& a, const std::optional<FileMark>& b) {
+    auto same_time = [](const timespec& x, const timespec& y) {
+        return x.tv_sec == y.tv_sec && x.tv_nsec == y.tv_nsec;
+    };
+    return a && b && a->dev == b->dev && a->ino == b->ino && a->size == b->size &&
+           same_time(a->mtime, b->mtime) && same_time(a->ctime, b->ctime);
+}
+
+void JobCounters::write() {
     const std::string content = encode_job_stats(stats_);
     const std::string path = rt_.path("/var/config/job_stats_file");
-    // The idle scheduler rewrites the same three numbers on every pass of the
-    // loop; truncating a file forces a flush on some file systems, so an
-    // unchanged file is left alone.
-    if (read_file(path, 64) == content) return;
-    write_file(path, content);
+    // The idle scheduler asks for the same three numbers on every pass of the
+    // loop. Truncating a file forces a flush on some file systems, so an
+    // unchanged file is left alone; and while it is still the file last
+    // written or found with these numbers, it need not even be read.
+    std::optional<FileMark> mark = file_mark(path);
+    if (content == written_ && same(mark, written_mark_)) return;
+    if (!mark || read_file(path, 64) != content) {
+        if (!write_file(path, content)) {
+            written_.clear();
+            return;
+        }
+        mark = file_mark(path);
+    }
+    written_ = content;
+    written_mark_ = mark;
 }
 
 bool ensure_sms_stats_file(const Runtime& rt) {

@@ -3,7 +3,12 @@
 // and the status of API requests ("/var/config/api_stat.st").
 #pragma once
 
+#include <sys/stat.h>
+
 #include <cstdint>
+#include <ctime>
+#include <optional>
+#include <string>
 
 #include "common/runtime.h"
 #include "formats/api_status.h"
@@ -31,10 +36,22 @@ class JobCounters {
     const JobStats& stats() const { return stats_; }
 
   private:
-    void write() const;
+    // What a stat() of the file shows; equal marks mean the file was not
+    // touched in between.
+    struct FileMark {
+        dev_t dev;
+        ino_t ino;
+        off_t size;
+        timespec mtime, ctime;
+    };
+    static std::optional<FileMark> file_mark(const std::string& path);
+    static bool same(const std::optional<FileMark>& a, const std::optional<FileMark>& b);
+    void write();
 
     const Runtime& rt_;
     JobStats stats_{1, 0, 0};
+    std::string written_;                   // the content last written or found
+    std::optional<FileMark> written_mark_;  // the file as it was then
 };
 
 // Creates "/var/config/sms_stats_file" as 24 zero bytes when it is missing.

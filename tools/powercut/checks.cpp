@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "formats/request_file.h"
 #include "sandbox.h"
 
 namespace powercut {
@@ -10,10 +11,10 @@ namespace {
 
 const std::string kBook = "var/AddressBook/Address_Book";
 const std::string kGroups = "var/AddressBook/groups";
-constexpr size_t kSenderField = 50;  // a request file's message text follows it
 
 bool is_length(const std::string& d) {
-    return !d.empty() && std::all_of(d.begin(), d.end(), [](char c) { return c >= '0' && c <= '9'; });
+    return !d.empty() &&
+           std::all_of(d.begin(), d.end(), [](char c) { return c >= '0' && c <= '9'; });
 }
 
 std::string until_nul(const std::string& s) {
@@ -50,12 +51,15 @@ void judge_files(const Timeline& t, const CrashState& state, Verdict& v) {
     auto after = std::lower_bound(t.stable.begin(), t.stable.end(), state.cut);
     auto before = std::upper_bound(t.stable.begin(), t.stable.end(), state.cut) - 1;
     const auto& old_files = t.contents[static_cast<size_t>(before - t.stable.begin())];
-    const auto& new_files =
-        after == t.stable.end() ? old_files : t.contents[static_cast<size_t>(after - t.stable.begin())];
+    const auto& new_files = after == t.stable.end()
+                                ? old_files
+                                : t.contents[static_cast<size_t>(after - t.stable.begin())];
     const std::vector<std::string> now = watched_contents(state.image);
     const auto& names = watched_files();
     // The address book: both files from the same save.
-    auto book_is = [&](const std::vector<std::string>& f) { return now[0] == f[0] && now[1] == f[1]; };
+    auto book_is = [&](const std::vector<std::string>& f) {
+        return now[0] == f[0] && now[1] == f[1];
+    };
     if (!book_is(old_files) && !book_is(new_files))
         v.problems.push_back("address book is no completed save: contacts '" + shorten(now[0]) +
                              "' groups '" + shorten(now[1]) + "'; before '" +
@@ -78,8 +82,7 @@ void judge_sends(const Timeline& t, const CrashState& state, const Restart& r, V
         known.push_back(s.text);
         const bool acked = s.answered < state.cut;
         const size_t pre = count(before, s.text), post = count(r.handed, s.text);
-        const bool resend =
-            pre == 1 && post == 1 && last_before == s.text && first_after == s.text;
+        const bool resend = pre == 1 && post == 1 && last_before == s.text && first_after == s.text;
         v.acked += acked;
         v.resent += resend;
         if (pre + post == 0 && acked) {
@@ -146,9 +149,7 @@ Timeline extract_timeline(const History& history, const std::string& root, const
             if (line.rfind("send-sms ", 0) == 0) {
                 std::string path = line.substr(9);
                 if (path.rfind(root + "/", 0) == 0) path = path.substr(root.size() + 1);
-                const std::string request = full.content(path);
-                const std::string text =
-                    request.size() > kSenderField ? job_text(request.substr(kSenderField)) : "";
+                const std::string text = smsgw::decode_request_file(full.content(path)).text();
                 t.sends.push_back({text, i, Timeline::npos, ""});
                 open_send = t.sends.size() - 1;
             }

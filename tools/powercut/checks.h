@@ -53,14 +53,14 @@ Timeline extract_timeline(const History& history, const std::string& root, const
 
 // What the daemon on a crash state did.
 struct Restart {
-    bool started = false;    // it answered a first request
-    bool answered = false;   // and one after the drain
-    bool alive = false;      // it still ran at the end
-    bool drained = false;    // every job file emptied
+    bool started = false;                 // it answered a first request
+    bool answered = false;                // and one after the drain
+    bool alive = false;                   // it still ran at the end
+    bool drained = false;                 // every job file emptied
     std::vector<std::string> handed;      // texts handed to txrx, in order
     std::vector<std::string> post_texts;  // requests sent after the start
     std::vector<std::string> post_replies;
-    std::vector<std::string> outside;     // files it created outside the root
+    std::vector<std::string> outside;  // files it created outside the root
     std::string resave_reply;
     std::string resaved_book, resaved_groups;
     std::string left_over;  // job files still holding records, for the report

@@ -63,7 +63,8 @@ void write_bytes(std::string& file, int64_t off, const std::string& data, Fate f
     const size_t end = start + data.size();
     size_t keep = data.size();
     if (fate == Fate::TornShort || fate == Fate::TornZero) {
-        auto boundary = static_cast<size_t>((off / kSector + static_cast<int64_t>(sectors)) * kSector);
+        auto boundary =
+            static_cast<size_t>((off / kSector + static_cast<int64_t>(sectors)) * kSector);
         keep = sectors == 0 ? 0 : std::min(end, boundary) - start;
     }
     if (file.size() < start + keep) file.resize(start + keep, '\0');
@@ -274,8 +275,8 @@ CrashState build_state(const History& history, size_t cut, bool barrier, size_t 
     s.image = history.start();
     for (size_t i = 0; i < cut && i < history.ops().size(); ++i) {
         const bool durable = history.durable_at(i) < cut || (barrier && i < sync);
-        auto [fate, sectors] = durable || i >= fates.size() ? std::make_pair(Fate::Whole, size_t{0})
-                                                            : fates[i];
+        auto [fate, sectors] =
+            durable || i >= fates.size() ? std::make_pair(Fate::Whole, size_t{0}) : fates[i];
         if (!durable) {
             s.applied += fate == Fate::Whole;
             s.skipped += fate == Fate::Skipped;
@@ -292,17 +293,18 @@ CrashState sample_state(const History& history, std::mt19937_64& rng) {
     std::vector<size_t> syncs = {0};  // the start counts as one
     for (size_t i = 0; i < n; ++i)
         if (history.is_sync(i)) syncs.push_back(i);
-    size_t pick = rng() % syncs.size();
+    size_t pick = random_below(rng, syncs.size());
     size_t sync = syncs[pick];
     size_t next = pick + 1 < syncs.size() ? syncs[pick + 1] : n;
-    size_t cut = n == 0 ? 0 : std::min(n, sync + 1 + rng() % std::max<size_t>(1, next - sync));
+    size_t cut =
+        n == 0 ? 0 : std::min(n, sync + 1 + random_below(rng, std::max<size_t>(1, next - sync)));
     const bool barrier = rng() % 2 == 0;
     // How much of what was not synced got out: little, half or most of it.
-    const unsigned keep_percent = 20 + 30 * static_cast<unsigned>(rng() % 3);
+    const size_t keep_percent = 20 + 30 * random_below(rng, 3);
 
     std::vector<std::pair<Fate, size_t>> fates(cut, {Fate::Whole, 0});
     for (size_t i = 0; i < cut; ++i) {
-        if (rng() % 100 >= keep_percent) {
+        if (random_below(rng, 100) >= keep_percent) {
             fates[i] = {Fate::Skipped, 0};
             continue;
         }
@@ -310,7 +312,8 @@ CrashState sample_state(const History& history, std::mt19937_64& rng) {
         if (op.type != OpType::Write || rng() % 3 != 0) continue;
         const size_t sectors = history.sectors_of(i);
         const bool zero = rng() % 2 == 0;
-        if (sectors > 1 || zero) fates[i] = {zero ? Fate::TornZero : Fate::TornShort, rng() % sectors};
+        if (sectors > 1 || zero)
+            fates[i] = {zero ? Fate::TornZero : Fate::TornShort, random_below(rng, sectors)};
     }
     return build_state(history, cut, barrier, sync, fates);
 }

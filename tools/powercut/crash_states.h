@@ -95,10 +95,15 @@ class History {
     std::vector<size_t> durable_at_;
 };
 
+// A number in [0, n), for sizes on 32-bit targets too.
+inline size_t random_below(std::mt19937_64& rng, size_t n) {
+    return static_cast<size_t>(rng() % n);
+}
+
 // One crash state and how it was chosen.
 struct CrashState {
-    size_t cut = 0;      // operations [0, cut) happened before the power went
-    size_t sync = 0;     // the sync point it was chosen after
+    size_t cut = 0;   // operations [0, cut) happened before the power went
+    size_t sync = 0;  // the sync point it was chosen after
     bool barrier = false;
     Image image;
     // What the volatile operations did (for the report).

@@ -9,7 +9,7 @@
 // tried and what held; exits 1 when a state broke an invariant, 2 when the
 // recorded run itself failed. --keep DIR copies each failing state there.
 //
-// Programs come from the build directory it was built in, or from
+// smsgwd and txrx-sim come from the build directory it was built in, or from
 // SMSGW_BUILD_DIR; a cross-built daemon runs under SMSGW_TEST_EXEC_PREFIX.
 #include <sys/ipc.h>
 #include <sys/shm.h>
@@ -62,11 +62,15 @@ bool parse(int argc, char** argv, Options& o) {
 }
 
 Programs locate() {
+    // The daemon under test may come from another build; the shim is ours.
     const char* env = std::getenv("SMSGW_BUILD_DIR");
     const std::string build = env && *env ? env : POWERCUT_BUILD_DIR;
-    Programs p{build + "/smsgwd", build + "/txrx-sim", build + "/libpowercut-shim.so", {}};
-    std::istringstream prefix(std::getenv("SMSGW_TEST_EXEC_PREFIX") ? std::getenv("SMSGW_TEST_EXEC_PREFIX")
-                                                                    : "");
+    Programs p{build + "/smsgwd",
+               build + "/txrx-sim",
+               std::string(POWERCUT_BUILD_DIR) + "/libpowercut-shim.so",
+               {}};
+    std::istringstream prefix(
+        std::getenv("SMSGW_TEST_EXEC_PREFIX") ? std::getenv("SMSGW_TEST_EXEC_PREFIX") : "");
     for (std::string w; prefix >> w;) p.exec_prefix.push_back(w);
     return p;
 }
@@ -132,7 +136,8 @@ void report(const Options& o, const Tally& t) {
         static_cast<unsigned long long>(o.seed), t.tried, t.held, t.held_by_kind[0],
         t.tried_by_kind[0], t.held_by_kind[1], t.tried_by_kind[1], t.with_torn, t.with_zero,
         t.with_notes, t.acked, t.lost, t.duplicated, t.resent);
-    for (const auto& [kind, n] : t.problems) std::printf("powercut: %d states: %s\n", n, kind.c_str());
+    for (const auto& [kind, n] : t.problems)
+        std::printf("powercut: %d states: %s\n", n, kind.c_str());
 }
 
 // The queue's files in a state, for a closer look.
@@ -155,6 +160,25 @@ std::string queue_files(const Image& image) {
     return out;
 }
 
+// The recording must account for every file the daemon left: replaying the
+// whole log over the first snapshot gives the tree as it is now (but for the
+// files the transceiver and the shell wrote).
+std::vector<std::string> unrecorded(const History& history, const std::string& root) {
+    Image replayed = history.start();
+    for (size_t i = 0; i < history.ops().size(); ++i) history.apply(replayed, i);
+    const Image now = snapshot_tree(root).image;
+    static const std::set<std::string> others = {"daemon.stderr", "var/run/txrx-sim.log",
+                                                 "var/run/txrx_pid_file"};
+    std::vector<std::string> out;
+    for (const auto& [path, name] : now.names)
+        if (name.type == 'f' && !others.count(path) &&
+            (!replayed.has(path) || replayed.content(path) != now.content(path)))
+            out.push_back(path);
+    for (const auto& [path, name] : replayed.names)
+        if (name.type == 'f' && !now.has(path)) out.push_back(path + " (gone)");
+    return out;
+}
+
 int run(const Options& o) {
     std::mt19937_64 rng(o.seed);
     const Programs programs = locate();
@@ -173,11 +197,16 @@ int run(const Options& o) {
     Timeline timeline = extract_timeline(history, root, bench.ports);
     size_t syncs = 0;
     for (size_t i = 0; i < history.ops().size(); ++i) syncs += history.is_sync(i);
-    std::printf("powercut: recorded %s\npowercut: %zu operations, %zu syncs, %zu send requests, "
-                "%zu hand-overs\n",
-                stats.describe().c_str(), history.ops().size(), syncs, timeline.sends.size(),
-                timeline.handovers.size());
+    std::printf(
+        "powercut: recorded %s\npowercut: %zu operations, %zu syncs, %zu send requests, "
+        "%zu hand-overs\n",
+        stats.describe().c_str(), history.ops().size(), syncs, timeline.sends.size(),
+        timeline.handovers.size());
     if (stats.sends == 0) return 2;
+    for (const auto& path : unrecorded(history, root)) {
+        std::printf("powercut: the record does not match the file %s\n", path.c_str());
+        return 2;
+    }
 
     Tally tally;
     for (int k = 0; k < o.states; ++k) {
@@ -196,7 +225,8 @@ int run(const Options& o) {
         Verdict v = judge(timeline, state, r);
         count(tally, state, v);
         if (!v.ok() || o.verbose) {
-            std::printf("state %d: %s: %s\n", k, state.describe().c_str(), v.ok() ? "held" : "FAILED");
+            std::printf("state %d: %s: %s\n", k, state.describe().c_str(),
+                        v.ok() ? "held" : "FAILED");
             for (const auto& p : v.problems) std::printf("  %s\n", p.c_str());
             for (const auto& n : v.notes) std::printf("  (%s)\n", n.c_str());
             std::printf("  queue:%s\n", queue_files(state.image).c_str());
@@ -211,7 +241,10 @@ int run(const Options& o) {
     report(o, tally);
     int shm = ::shmget(static_cast<key_t>(16384 + offset), 0, 0);
     if (shm >= 0) ::shmctl(shm, IPC_RMID, nullptr);
-    remove_tree(work);
+    if (o.keep.empty())
+        remove_tree(work);
+    else
+        std::printf("powercut: the record is in %s\n", work.c_str());
     return tally.held == tally.tried ? 0 : 1;
 }
 

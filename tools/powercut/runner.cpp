@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "common/fileops.h"
+#include "formats/request_file.h"
 
 namespace powercut {
 
@@ -46,7 +47,8 @@ void append_record(const std::string& log, const std::string& rec) {
 
 bool queue_empty(const std::string& root) {
     for (int i = 1; i <= kJobFiles; ++i)
-        if (smsgw::file_size(root + "/var/Jobs/Pending_Jobs_" + std::to_string(i)) > 0) return false;
+        if (smsgw::file_size(root + "/var/Jobs/Pending_Jobs_" + std::to_string(i)) > 0)
+            return false;
     return smsgw::file_size(root + "/var/Jobs/PerModem_PendingJob") == 0;
 }
 
@@ -61,13 +63,13 @@ std::string left_over(const std::string& root) {
 
 bool wait_ready(const Bench& bench, Daemon& daemon) {
     return wait_until(
-        [&] {
-            if (!daemon.running()) return true;
-            return bench.client.request(bench.ports.gui(), "get-sms total-entries groups^|^",
-                                        Millis(300))
-                .has_value();
-        },
-        Millis(15000)) &&
+               [&] {
+                   if (!daemon.running()) return true;
+                   return bench.client
+                       .request(bench.ports.gui(), "get-sms total-entries groups^|^", Millis(300))
+                       .has_value();
+               },
+               Millis(15000)) &&
            daemon.running();
 }
 
@@ -115,8 +117,12 @@ class Workload {
         const int n = next_request_++;
         const std::string text = "pc-" + std::to_string(n);
         const bool big = rng_() % 5 == 0;
-        const size_t padding = big ? 40000 + rng_() % 120000 : rng_() % 600;
-        const std::string bytes = request_file(text, "555" + std::to_string(1000 + n) + "^|^", padding);
+        const size_t padding = big ? 40000 + random_below(rng_, 120000) : random_below(rng_, 600);
+        // Bytes after the last section are never read, but they are queued.
+        const std::string bytes =
+            smsgw::encode_request_file("admin", text, "555" + std::to_string(1000 + n) + "^|^", "",
+                                       "") +
+            std::string(padding, '\0');
         const std::string rel = "tmp/req-" + std::to_string(n);
         const std::string path = root_ + "/" + rel;
         smsgw::write_file(path, bytes);
@@ -161,7 +167,7 @@ class Workload {
     void contact() {
         ++stats_.contact_edits;
         if (!contacts_.empty() && rng_() % 3 == 0) {
-            size_t i = rng_() % contacts_.size();
+            size_t i = random_below(rng_, contacts_.size());
             expect("del-sms phone_book " + contacts_[i].first + "^|^" + contacts_[i].second + "^|^",
                    "SUCCESS");
             contacts_.erase(contacts_.begin() + static_cast<long>(i));
@@ -178,7 +184,7 @@ class Workload {
     void group() {
         if (contacts_.empty()) return contact();
         ++stats_.group_edits;
-        const auto& c = contacts_[rng_() % contacts_.size()];
+        const auto& c = contacts_[random_below(rng_, contacts_.size())];
         expect("add-sms groups g" + std::to_string(next_group_++) + "^|^" + c.first + "^|^" +
                    c.second + "^|^[null]^|^",
                "SUCCESS");
@@ -211,7 +217,7 @@ class Workload {
         const unsigned kind = static_cast<unsigned>(rng_() % 4);
         const std::string k = std::to_string(next_rule_++);
         if (kind == 0 && !contacts_.empty()) {
-            const auto& c = contacts_[rng_() % contacts_.size()];
+            const auto& c = contacts_[random_below(rng_, contacts_.size())];
             ask("add-sms trigger auth-list " + c.first + "^|^" + c.second + "^|^");
         } else if (kind == 1) {
             expect("add-sms trigger preconf_sms Note " + k + "^|^[null]]|[^|^", "SUCCESS");
@@ -225,10 +231,15 @@ class Workload {
 
     void settings() {
         ++stats_.settings;
-        switch (rng_() % 3) {
+        switch (rng_() % 4) {
             case 0:
                 expect("add-sms international-dialing max-digits^|^" +
                            std::to_string(8 + rng_() % 8) + "^|^",
+                       "SUCCESS");
+                break;
+            case 3:
+                expect(std::string("add-sms international-dialing dialing^|^") +
+                           (rng_() % 2 ? "enable" : "disable") + "^|^",
                        "SUCCESS");
                 break;
             case 1:
@@ -259,7 +270,7 @@ class Workload {
 void post_request(Bench& bench, const std::string& root, int n, Restart& r) {
     const std::string text = "post-restart-" + std::to_string(n);
     const std::string path = root + "/tmp/post-" + std::to_string(n);
-    smsgw::write_file(path, request_file(text, "5559999^|^", 0));
+    smsgw::write_file(path, smsgw::encode_request_file("admin", text, "5559999^|^", "", ""));
     auto reply = bench.client.request(bench.ports.gui(), "send-sms " + path, kReplyWait);
     r.post_texts.push_back(text);
     r.post_replies.push_back(reply ? reply->substr(0, reply->find('\0')) : "<no reply>");
@@ -353,8 +364,8 @@ Restart restart_on(Bench& bench, const std::string& root, const std::string& log
     drain_hand_overs(bench, r, Millis(0), false);
     post_request(bench, root, 2, r);
     drain_queue(bench, root, r);
-    auto probe = bench.client.request(bench.ports.gui(), "get-sms total-entries groups^|^",
-                                      kReplyWait);
+    auto probe =
+        bench.client.request(bench.ports.gui(), "get-sms total-entries groups^|^", kReplyWait);
     r.answered = probe.has_value();
     auto saved = bench.client.request(bench.ports.gui(), "save-address-book ^|^", kReplyWait);
     r.resave_reply = saved ? saved->substr(0, saved->find('\0')) : "<no reply>";

@@ -16,13 +16,11 @@
 #include <cstring>
 
 #include "common/net.h"
+#include "formats/job_file.h"
 
 namespace powercut {
 
 namespace {
-
-constexpr size_t kSenderField = 50;
-constexpr size_t kTextField = 160;
 
 sockaddr_in loopback(int port) {
     sockaddr_in a{};
@@ -62,12 +60,6 @@ bool gone(pid_t pid) {
     return close == std::string::npos || stat->compare(close, 4, ") Z ") == 0;
 }
 
-void put_i32(std::string& out, int32_t v) {
-    char b[4];
-    std::memcpy(b, &v, 4);
-    out.append(b, 4);
-}
-
 }  // namespace
 
 void remove_tree(const std::string& path) {
@@ -96,6 +88,8 @@ void prepare_root(const std::string& root, const Programs& programs) {
     smsgw::write_file(root + "/var/config/api_stat.st", std::string(4, '\0'));
     for (const char* f : {"trigger_broadcast", "preconf_sms", "trigger_ctrl", "authenticate_list"})
         smsgw::write_file(root + "/var/config/" + f, "");
+    smsgw::write_file(root + "/var/config/international_dialing",
+                      "int-dialing=enable\nmax-digits=12\n");
     // The driver holds txrx's port: the simulator the daemon starts stays
     // idle. An emulated daemon cannot exec it directly without binfmt_misc.
     std::string host_sim = programs.txrx_sim + "-host";
@@ -108,7 +102,8 @@ void prepare_root(const std::string& root, const Programs& programs) {
         for (const auto& w : programs.exec_prefix) script += " '" + w + "'";
         put_script(root + "/bin/txrx", script + " '" + programs.txrx_sim + "' \"$@\"\n");
     }
-    for (const char* p : {"bin/msntp", "bin/http-client", "bin/date", "sbin/create_address_book_tar"})
+    for (const char* p :
+         {"bin/msntp", "bin/http-client", "bin/date", "sbin/create_address_book_tar"})
         put_script(root + "/" + p, "#!/bin/sh\nexit 0\n");
 }
 
@@ -121,8 +116,8 @@ Daemon::Daemon(const Programs& programs, const std::string& root, int offset,
         // it into the emulator itself would not work.
         argv.insert(argv.begin() + 1, {"-E", "LD_PRELOAD=" + programs.shim});
     }
-    argv.insert(argv.end(), {programs.smsgwd, "--root", root, "--port-offset",
-                             std::to_string(offset)});
+    argv.insert(argv.end(),
+                {programs.smsgwd, "--root", root, "--port-offset", std::to_string(offset)});
     const std::string err = root + "/daemon.stderr";
     pid_ = ::fork();
     if (pid_ != 0) return;
@@ -152,12 +147,13 @@ Daemon::~Daemon() {
     }
     std::vector<pid_t> children = started_from(root_);
     for (pid_t p : children) ::kill(p, SIGKILL);
-    wait_until([&] {
-        for (pid_t p : children)
-            if (!gone(p)) return false;
-        return true;
-    },
-               Millis(10000));
+    wait_until(
+        [&] {
+            for (pid_t p : children)
+                if (!gone(p)) return false;
+            return true;
+        },
+        Millis(10000));
 }
 
 bool Daemon::running() {
@@ -199,26 +195,9 @@ std::optional<std::string> Udp::request(int port, const std::string& text, Milli
     return receive(deadline);
 }
 
-std::string request_file(const std::string& text, const std::string& numbers, size_t padding) {
-    std::string out("admin");
-    out.resize(kSenderField, '\0');
-    out += text.substr(0, kTextField - 1);
-    out.resize(kSenderField + kTextField, '\0');
-    out += "NUMBER:";
-    put_i32(out, static_cast<int32_t>(numbers.size() + 1));
-    out += numbers;
-    out.push_back('\0');
-    out += "NAME:";
-    put_i32(out, 0);
-    out += "GROUP:";
-    put_i32(out, 0);
-    out.append(padding, '\0');
-    return out;
-}
-
 std::string job_text(const std::string& bytes) {
-    std::string text = bytes.substr(0, std::min(bytes.size(), kTextField));
-    return text.substr(0, text.find('\0'));
+    auto job = smsgw::decode_job_file(bytes);
+    return job ? job->text() : std::string();
 }
 
 }  // namespace powercut

@@ -73,10 +73,7 @@ class Udp {
     smsgw::Fd fd_;
 };
 
-// A request file as the web interface writes it: sender, text, the numbers
-// (a "^|^" list), no names or groups; `padding` zero bytes after it.
-std::string request_file(const std::string& text, const std::string& numbers, size_t padding);
-// The message text of a job file (its first 160 bytes up to a NUL).
+// The message text of a job file ("" when it is too short to hold one).
 std::string job_text(const std::string& job_file_bytes);
 
 // Polls until pred() holds or the deadline passes.
@@ -85,7 +82,9 @@ bool wait_until(Pred pred, Millis deadline) {
     auto end = std::chrono::steady_clock::now() + deadline;
     while (!pred()) {
         if (std::chrono::steady_clock::now() >= end) return false;
-        struct timespec ts {0, 5 * 1000 * 1000};
+        struct timespec ts {
+            0, 5 * 1000 * 1000
+        };
         ::nanosleep(&ts, nullptr);
     }
     return true;

@@ -378,7 +378,8 @@ void add_stream(FILE* f, int fd) {
     const Tracked* t = tracked(fd);
     if (!t || !t->writable || !shim().files) return;
     shim().streams.push_back({f, fd, t->ino});
-    if (!shim().known.count(t->ino)) shim().known[t->ino] = read_back(fd);
+    // Inode numbers are reused: what is known of an older file is stale.
+    shim().known[t->ino] = read_back(fd);
 }
 
 void drop_fd(int fd) {
@@ -386,6 +387,7 @@ void drop_fd(int fd) {
     s.fds.erase(fd);
     for (size_t i = 0; i < s.streams.size(); ++i) {
         if (s.streams[i].fd != fd) continue;
+        s.known.erase(s.streams[i].ino);
         s.streams.erase(s.streams.begin() + static_cast<long>(i));
         break;
     }
@@ -428,7 +430,8 @@ mode_t mode_arg(int flags, va_list ap) {
 }
 
 int open_at(int dirfd, const char* path, int flags, mode_t mode) {
-    return dirfd == AT_FDCWD ? REAL(open)(path, flags, mode) : REAL(openat)(dirfd, path, flags, mode);
+    return dirfd == AT_FDCWD ? REAL(open)(path, flags, mode)
+                             : REAL(openat)(dirfd, path, flags, mode);
 }
 
 void* map_call(void* addr, int prot, int flags, int fd, int64_t offset, void* result, size_t len) {
@@ -452,8 +455,8 @@ __attribute__((constructor)) void start_shim() {
     s.log_fd = REAL(open)(log, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
     s.owner = ::getpid();
     s.active = s.log_fd >= 0;
-    for (const char* v : {"LD_PRELOAD", "POWERCUT_LOG", "POWERCUT_ROOT", "POWERCUT_FILES",
-                          "POWERCUT_FAST"})
+    for (const char* v :
+         {"LD_PRELOAD", "POWERCUT_LOG", "POWERCUT_ROOT", "POWERCUT_FILES", "POWERCUT_FAST"})
         ::unsetenv(v);
 }
 

@@ -1,0 +1,106 @@
+// The power-cut simulator's disk model: which recorded operations a crash
+// state must contain, which it may lose, and how a write tears.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "crash_states.h"
+
+namespace powercut {
+namespace {
+
+// A root holding the directory "d" (real inode 2 below it, root is 1).
+Snapshot two_dirs() {
+    Snapshot s;
+    s.image.inodes = {"", ""};
+    s.image.names[""] = {'d', 0, 0755, {}};
+    s.image.names["d"] = {'d', 1, 0755, {}};
+    s.inode_of = {{1, 0}, {2, 1}};
+    return s;
+}
+
+std::string log_of(const std::vector<std::string>& records) {
+    std::string out;
+    for (const auto& r : records) out += r;
+    return out;
+}
+
+std::string rec(OpType t, int64_t a, int64_t b = 0, const std::string& s1 = "",
+                const std::string& s2 = "", const std::string& data = "") {
+    return encode_record(t, a, b, s1, s2, data);
+}
+
+using Fates = std::vector<std::pair<Fate, size_t>>;
+
+TEST(PowerCutStates, SyncedOperationsSurviveAndOthersMayNot) {
+    // 0 create d/f, 1 write, 2 fsync f, 3 write, 4 fsync d, 5 rename to d/g,
+    // 6 map store, 7 msync, 8 map store.
+    History h(
+        two_dirs(),
+        log_of({rec(OpType::Create, 10, 0644, "d/f"), rec(OpType::Write, 10, 0, "", "", "hello"),
+                rec(OpType::Fsync, 10), rec(OpType::Write, 10, 5, "", "", "!"),
+                rec(OpType::Fsync, 2), rec(OpType::Rename, 0, 0, "d/f", "d/g"),
+                rec(OpType::MapWrite, 10, 0, "", "", "HE"), rec(OpType::Msync, 10),
+                rec(OpType::MapWrite, 10, 0, "", "", "XY")}));
+    const Fates lose_all(9, {Fate::Skipped, 0});
+    struct Case {
+        size_t cut;
+        bool barrier;
+        size_t sync;
+        std::string f, g;  // content at d/f and d/g ("-" when missing)
+    };
+    const Case cases[] = {
+        {2, false, 0, "-", "-"},       // nothing synced yet
+        {3, false, 0, "-", "-"},       // data synced, the name not
+        {5, false, 0, "hello", "-"},   // the directory sync keeps the name
+        {5, true, 4, "hello!", "-"},   // a barrier keeps all before it
+        {6, false, 0, "hello", "-"},   // an unsynced rename may be lost
+        {8, false, 0, "HEllo!", "-"},  // an msync syncs the whole file
+        {9, true, 8, "-", "HEllo!"},   // the later store is not
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.cut);
+        CrashState s = build_state(h, c.cut, c.barrier, c.sync, lose_all);
+        auto at = [&](const std::string& p) { return s.image.has(p) ? s.image.content(p) : "-"; };
+        EXPECT_EQ(at("d/f"), c.f);
+        EXPECT_EQ(at("d/g"), c.g);
+    }
+    // Applied, the same operations give the whole run.
+    CrashState all = build_state(h, 9, false, 0, Fates(9, {Fate::Whole, 0}));
+    EXPECT_FALSE(all.image.has("d/f"));
+    EXPECT_EQ(all.image.content("d/g"), "XYllo!");
+}
+
+TEST(PowerCutStates, WritesTearAtSectorBoundaries) {
+    const std::string data(1100, 'w');  // from 100: sectors end at 512 and 1024
+    History h(two_dirs(), log_of({rec(OpType::Create, 10, 0644, "d/f"),
+                                  rec(OpType::Write, 10, 0, "", "", std::string(100, 'o')),
+                                  rec(OpType::Fsync, 10), rec(OpType::Fsync, 2),
+                                  rec(OpType::Write, 10, 100, "", "", data)}));
+    EXPECT_EQ(h.sectors_of(4), 3u);
+    struct Case {
+        Fate fate;
+        size_t sectors;
+        std::string expect;
+    };
+    const std::string old(100, 'o');
+    const Case cases[] = {
+        {Fate::Skipped, 0, old},
+        {Fate::Whole, 0, old + data},
+        {Fate::TornShort, 0, old},
+        {Fate::TornShort, 1, old + std::string(412, 'w')},
+        {Fate::TornShort, 2, old + std::string(924, 'w')},
+        {Fate::TornZero, 0, old + std::string(1100, '\0')},
+        {Fate::TornZero, 1, old + std::string(412, 'w') + std::string(688, '\0')},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.sectors);
+        Fates fates(5, {Fate::Whole, 0});
+        fates[4] = {c.fate, c.sectors};
+        EXPECT_EQ(build_state(h, 5, false, 0, fates).image.content("d/f"), c.expect);
+    }
+}
+
+}  // namespace
+}  // namespace powercut

@@ -237,7 +237,9 @@ TEST_F(QueueTest, RepairWalkKeepsTheWellFormedTail) {
         std::string file;
         int32_t a_sz;
         std::string expect;  // "<gone>" when the file is deleted
-    } cases[] = {
+        int32_t last = -1;   // the table's length for the file afterwards
+    };
+    const Case cases[] = {
         {"intact chain", r1 + r2 + r3, 113, r1 + r2 + r3},
         {"single record", r1, 111, r1},
         {"garbage before a chain start", "GARBAGE" + r1 + r2, 112, r1 + r2},
@@ -249,8 +251,13 @@ TEST_F(QueueTest, RepairWalkKeepsTheWellFormedTail) {
         {"table claims more, file is junk", std::string(300, 'j'), 5000, ""},
         {"no length known, junk file", std::string(300, 'j'), 0, "<gone>"},
         {"zero-filled", std::string(400, '\0'), 113, std::string(113, '\0')},
-        {"truncated last body", r1 + r2 + r3.substr(0, 110), 113,
-         (r1 + r2 + r3.substr(0, 110)).substr(220)},
+        // A power cut: the last append torn, or the table stored before it
+        // reached the disk. Only the torn tail goes.
+        {"truncated last body", r1 + r2 + r3.substr(0, 110), 113, r1 + r2, 112},
+        {"torn header, older table", r1 + r2 + r3.substr(0, 50), 112, r1 + r2, 112},
+        {"zero-filled tail", r1 + r2 + std::string(300, '\0'), 112, r1 + r2, 112},
+        {"table older than the last record", r1 + r2 + r3, 112, r1 + r2 + r3, 113},
+        {"no table, whole records", r1 + r2, 0, r1 + r2, 112},
         {"empty", "", 0, ""},
     };
     for (const auto& c : cases) {
@@ -261,6 +268,41 @@ TEST_F(QueueTest, RepairWalkKeepsTheWellFormedTail) {
             EXPECT_FALSE(test::exists(queue.pending_file(0)));
         else
             EXPECT_EQ(pending(0), c.expect);
+        if (c.last >= 0) {
+            EXPECT_EQ(queue.position().l_job_ln[0], c.last);
+            EXPECT_EQ(table(), encode_position_table(queue.position()));
+        }
+    }
+}
+
+TEST_F(QueueTest, StartUpCutsTornAppendsOffTheOtherFiles) {
+    const std::string r1 = record("one", 0, "send-sms /tmp/1");
+    const std::string r2 = record("two!", 111, "send-sms /tmp/2");
+    const std::string r3 = record("three", 112, "send-sms /tmp/3");
+    std::string r2_bad = r2;
+    r2_bad[1] = '?';
+    struct Case {
+        const char* what;
+        std::string file, expect;
+        int32_t last;  // the table's length for the file afterwards
+    };
+    const Case cases[] = {
+        {"torn body", r1 + r2 + r3.substr(0, 110), r1 + r2, 112},
+        {"zero-filled tail", r1 + std::string(600, '\0'), r1, 111},
+        {"table older than the file", r1 + r2, r1 + r2, 112},
+        {"damage before whole records", r1 + r2_bad + r3, r1 + r2_bad + r3, 7},
+        {"junk", std::string(300, 'j'), std::string(300, 'j'), 7},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        test::write_file(queue.pending_file(3), c.file);
+        PositionTable t = table_of(0, 3, 0);
+        t.l_job_ln[3] = 7;
+        start(t);
+        queue.trim_torn_appends();
+        EXPECT_EQ(pending(3), c.expect);
+        EXPECT_EQ(queue.position().l_job_ln[3], c.last);
+        EXPECT_EQ(table(), encode_position_table(queue.position()));
     }
 }
 

@@ -140,6 +140,7 @@ bool SmsGateway::start_up() {
     queue_.init_job_pos_table();
     queue_.load_job_pos_table();
     queue_.repair_pending_file();
+    queue_.trim_torn_appends();
 
     install_child_handler();
     log_startup_notice();

@@ -31,6 +31,48 @@ constexpr int kFiles = PositionTable::kFiles;
 constexpr auto kHeaderSize = static_cast<int32_t>(JobHeader::kSize);
 constexpr long long kEmptyFile = -1;  // repair result: nothing worth keeping
 
+// True when a whole record of `length` bytes ends the file, as the table's
+// last length says one does.
+bool record_ends_file(int fd, long long size, long long length) {
+    const long long at = size - length;
+    if (length < static_cast<long long>(JobHeader::kSize) || at < 0) return false;
+    const auto h = read_header_at(fd, at);
+    return h && well_formed(*h, at, size) &&
+           at + static_cast<long long>(JobHeader::kSize) + h->job_ln == size;
+}
+
+// The whole, well-formed records from the file's start: where they end,
+// and the length of the last of them (0 when the first is not whole).
+std::pair<long long, int32_t> whole_records(int fd, long long size) {
+    long long end = 0;
+    int32_t last = 0;
+    while (end < size) {
+        const auto h = read_header_at(fd, end);
+        if (!h || !well_formed(*h, end, size)) break;
+        last = h->job_ln + kHeaderSize;
+        end += last;
+    }
+    return {end, last};
+}
+
+// True when the bytes from `from` to the end look like an append the power
+// cut short: too few for a header, a header whose body runs past the end,
+// or zeros only (the file grew, its data never reached the disk).
+bool torn_tail(int fd, long long from, long long size) {
+    if (size - from < static_cast<long long>(JobHeader::kSize)) return true;
+    const auto h = read_header_at(fd, from);
+    if (h && h->marker_ok && h->job_ln >= 0 && !well_formed(*h, from, size)) return true;
+    char buf[kBodyChunk];
+    for (long long at = from; at < size;) {
+        ssize_t n = ::pread(fd, buf, sizeof buf, static_cast<off_t>(at));
+        if (n <= 0) return false;
+        for (ssize_t i = 0; i < n; ++i)
+            if (buf[i] != '\0') return false;
+        at += n;
+    }
+    return true;
+}
+
 // Copies bytes [from, end) of `in` into `out`.
 bool copy_tail(int in, long long from, FILE* out) {
     char buf[kBodyChunk];
@@ -115,7 +157,14 @@ struct JobQueue::Mapping {
         if (addr != MAP_FAILED) ::munmap(addr, kTableSize);
     }
     std::string_view view() const { return std::string_view(static_cast<char*>(addr), kTableSize); }
-    void store(std::string_view image) const { std::memcpy(addr, image.data(), kTableSize); }
+    // A table that changed is on disk before the caller goes on: after a
+    // power cut it must still describe the job files, whose appends and
+    // front removals are synced before the table is stored.
+    void store(std::string_view image) const {
+        if (view() == image) return;
+        std::memcpy(addr, image.data(), kTableSize);
+        ::msync(addr, kTableSize, MS_SYNC);
+    }
 };
 
 JobQueue::JobQueue(Runtime& rt, Sender& sender)
@@ -139,9 +188,12 @@ bool JobQueue::try_init_job_pos_table() {
     if (!m->fd || ::fstat(m->fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) return false;
     // A new table, or one cut short, reads as zeros where bytes are missing;
     // touching a mapped page past the end of the file would fault.
-    if (st.st_size < static_cast<off_t>(kTableSize) &&
-        ::ftruncate(m->fd.get(), static_cast<off_t>(kTableSize)) != 0)
-        return false;
+    if (st.st_size < static_cast<off_t>(kTableSize)) {
+        if (::ftruncate(m->fd.get(), static_cast<off_t>(kTableSize)) != 0) return false;
+        // On disk, name included, before anything relies on it.
+        ::fsync(m->fd.get());
+        fsync_dir_of(path);
+    }
     m->addr = ::mmap(nullptr, kTableSize, PROT_READ | PROT_WRITE, MAP_SHARED, m->fd.get(), 0);
     if (m->addr == MAP_FAILED) return false;
     map_ = std::move(m);
@@ -220,11 +272,42 @@ void JobQueue::cut_front(const std::string& path, long long cut) {
     if (!ok || !replace_file(temp, path)) remove_file(temp);
 }
 
+int32_t JobQueue::keep_whole_records(int fd, long long f_sz) {
+    auto [whole, last] = whole_records(fd, f_sz);
+    if (whole == 0 || (whole < f_sz && !torn_tail(fd, whole, f_sz))) return 0;
+    if (whole < f_sz && (::ftruncate(fd, static_cast<off_t>(whole)) != 0 || ::fsync(fd) != 0))
+        return 0;
+    trace("kept %lld of %lld bytes\n", whole, f_sz);
+    return last;
+}
+
+bool JobQueue::cut_torn_tail(int fd, long long f_sz) {
+    if (record_ends_file(fd, f_sz, A_sz_)) return false;
+    const int32_t last = keep_whole_records(fd, f_sz);
+    if (last == 0) return false;
+    A_sz_ = last;
+    update_job_pos_table(last, P_POS_);
+    return true;
+}
+
+void JobQueue::trim_torn_appends() {
+    for (int i = 0; i < kFiles; ++i) {
+        if (i == P_POS_) continue;
+        const std::string path = pending_file(i);
+        const long long size = file_size(path);
+        Fd fd;
+        if (size > 0) fd.reset(::open(path.c_str(), O_RDWR | O_NOFOLLOW | O_CLOEXEC));
+        const int32_t last = fd ? keep_whole_records(fd.get(), size) : 0;
+        if (last != 0 && last != l_job_ln_[i]) update_job_pos_table(last, i);
+    }
+}
+
 void JobQueue::repair_pending_file() {
     std::string path = pending_file(P_POS_);
     long long f_sz = file_size(path);
     Fd fd;
     if (f_sz > 0) fd.reset(::open(path.c_str(), O_RDWR | O_NOFOLLOW | O_CLOEXEC));
+    if (fd && cut_torn_tail(fd.get(), f_sz)) return;
     long long cut = kEmptyFile;
     if (fd) {
         trace("%ld - A_sz\n", A_sz_);
@@ -344,6 +427,9 @@ bool JobQueue::append_record(Fd& out, std::string_view header, const std::string
         return false;
     }
     out.reset();
+    // The file may have been created for this record: its name must
+    // survive a power cut as well.
+    if (old_size == 0) fsync_dir_of(target);
     return true;
 }
 

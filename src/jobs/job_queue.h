@@ -74,8 +74,15 @@ class JobQueue {
     // Cuts the read file down to the chain of records that ends at its end
     // (walking p_job_ln back-links), or empties it. A record that reaches the
     // file's start is kept when well-formed, so repeated repairs always end
-    // with a well-formed first record or an empty file.
+    // with a well-formed first record or an empty file. A file whose end the
+    // table does not describe (a torn last append) only loses its torn tail.
     void repair_pending_file();
+    // After a power cut the file being appended to may end in a torn record,
+    // and the table may be older than its last record. Start-up cuts such a
+    // tail off every ring file but the read file (repair_pending_file deals
+    // with that one) and takes each file's last record length from the file,
+    // so that the next record appended there links to the one before it.
+    void trim_torn_appends();
 
     // A request file named in the line must pass the sender's request-file
     // policy; a refused one makes no record and is left alone.
@@ -111,6 +118,17 @@ class JobQueue {
     void store_table() { update_job_pos_table(l_job_ln_[P_POS_], P_POS_); }
     void advance_read_index();
     void queue_drained();
+    // The read file after a power cut may end in a torn append, or the
+    // table may have been stored before the last append reached the disk:
+    // either way no whole record of the table's last length ends the file.
+    // Then every whole record from the start is kept, a torn tail alone is
+    // cut off, and the table takes the last record's length. False when the
+    // file does not begin with a whole record (the back-link walk's case).
+    bool cut_torn_tail(int fd, long long f_sz);
+    // Keeps the whole records from the file's start when nothing but a torn
+    // append follows them (cut off): the last one's length, or 0 when the
+    // file holds no such run of records.
+    int32_t keep_whole_records(int fd, long long f_sz);
     // Drops the front of a damaged read file at `cut` (0: nothing).
     void cut_front(const std::string& path, long long cut);
 

@@ -9,8 +9,8 @@ namespace powercut {
 
 namespace {
 
-const std::string kBook = "var/AddressBook/Address_Book";
-const std::string kGroups = "var/AddressBook/groups";
+constexpr const char kBook[] = "var/AddressBook/Address_Book";
+constexpr const char kGroups[] = "var/AddressBook/groups";
 
 bool is_length(const std::string& d) {
     return !d.empty() &&

@@ -53,7 +53,11 @@ void walk(const std::string& root, const std::string& rel, Snapshot& out) {
         }
         ::closedir(d);
     }
-    for (const auto& c : children) walk(root, rel.empty() ? c : rel + "/" + c, out);
+    for (const auto& c : children) {
+        std::string child = rel;
+        if (!child.empty()) child += '/';
+        walk(root, child += c, out);
+    }
 }
 
 // The bytes of a write, whole or torn after `sectors` of its sectors.
@@ -93,7 +97,9 @@ bool materialise(const Image& image, const std::string& dir) {
         // A name whose directory did not survive cannot be reached.
         auto parent = image.names.find(parent_of(path));
         if (parent == image.names.end() || parent->second.type != 'd') continue;
-        const std::string abs = dir + "/" + path;
+        std::string abs = dir;
+        abs += '/';
+        abs += path;
         bool ok = true;
         if (n.type == 'd') {
             ok = ::mkdir(abs.c_str(), n.mode | 0700) == 0;

@@ -55,9 +55,17 @@ bool parse(int argc, char** argv, Options& o) {
             return false;
     }
     if (plain.size() != 3) return false;
-    o.seed = std::strtoull(plain[0].c_str(), nullptr, 10);
-    o.states = std::atoi(plain[1].c_str());
-    o.ops = std::atoi(plain[2].c_str());
+    auto number = [](const std::string& text, unsigned long long& out) {
+        char* end = nullptr;
+        out = std::strtoull(text.c_str(), &end, 10);
+        return !text.empty() && *end == '\0';
+    };
+    unsigned long long seed = 0, states = 0, ops = 0;
+    if (!number(plain[0], seed) || !number(plain[1], states) || !number(plain[2], ops))
+        return false;
+    o.seed = seed;
+    o.states = static_cast<int>(std::min(states, 1000000ULL));
+    o.ops = static_cast<int>(std::min(ops, 1000000ULL));
     return o.states > 0 && o.ops > 0;
 }
 

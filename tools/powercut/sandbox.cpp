@@ -42,8 +42,9 @@ std::vector<pid_t> started_from(const std::string& root) {
     DIR* d = ::opendir("/proc");
     if (!d) return out;
     while (dirent* e = ::readdir(d)) {
-        auto pid = static_cast<pid_t>(std::atoi(e->d_name));
-        if (pid <= 0) continue;
+        char* end = nullptr;
+        auto pid = static_cast<pid_t>(std::strtol(e->d_name, &end, 10));
+        if (pid <= 0 || *end != '\0') continue;
         auto cmdline = smsgw::read_file("/proc/" + std::string(e->d_name) + "/cmdline", 4096);
         if (!cmdline) continue;
         std::string arg0 = cmdline->substr(0, cmdline->find('\0'));
@@ -77,7 +78,10 @@ void remove_tree(const std::string& path) {
         }
         ::closedir(d);
     }
-    for (const auto& c : children) remove_tree(path + "/" + c);
+    for (const auto& c : children) {
+        std::string child = path;
+        remove_tree(child.append("/").append(c));
+    }
     ::rmdir(path.c_str());
 }
 
@@ -134,6 +138,7 @@ Daemon::Daemon(const Programs& programs, const std::string& root, int offset,
     // An instrumented daemon finds the shim ahead of its sanitizer runtime.
     ::setenv("ASAN_OPTIONS", "verify_asan_link_order=0:detect_leaks=0", 1);
     std::vector<char*> args;
+    args.reserve(argv.size() + 1);
     for (auto& a : argv) args.push_back(a.data());
     args.push_back(nullptr);
     ::execvp(args[0], args.data());

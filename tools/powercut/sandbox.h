@@ -83,7 +83,7 @@ bool wait_until(Pred pred, Millis deadline) {
     while (!pred()) {
         if (std::chrono::steady_clock::now() >= end) return false;
         struct timespec ts {
-            0, 5 * 1000 * 1000
+            0, 5000000L
         };
         ::nanosleep(&ts, nullptr);
     }

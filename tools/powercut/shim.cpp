@@ -22,6 +22,7 @@
 // Built without sanitizers: an instrumented daemon loads it ahead of its
 // sanitizer runtime (with ASAN_OPTIONS=verify_asan_link_order=0).
 #undef _FILE_OFFSET_BITS
+// NOLINTNEXTLINE(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp): a feature macro
 #define _LARGEFILE64_SOURCE 1
 #include <dlfcn.h>
 #include <fcntl.h>

@@ -255,3 +255,41 @@ TEST_F(Files, SaveAgreesWithThePerEntryMembershipScan) {
         }
     }
 }
+
+// A save stages both files and commits by renaming the contacts in place; a
+// power cut anywhere in it leaves one complete save for the next start.
+TEST_F(Files, AStartAfterAnInterruptedSaveLoadsOneCompleteSave) {
+    const std::pair<std::string, std::string> before = {"Ann^|^555^|^^|^1,^|^\n", "a\n"};
+    const std::pair<std::string, std::string> after = {"Ann^|^555^|^^|^1,2,^|^\n", "a\nb\n"};
+    const std::string none = "<none>";
+    struct Case {
+        const char* what;
+        std::string book, groups, staged_book, staged_groups;
+        std::pair<std::string, std::string> expect;
+    };
+    const Case cases[] = {
+        {"cut while staging the contacts", before.first, before.second, after.first, none, before},
+        {"cut before the commit", before.first, before.second, after.first, after.second, before},
+        {"cut after the commit", after.first, before.second, none, after.second, after},
+        {"complete", after.first, after.second, none, none, after},
+    };
+    const std::string staged_book = rt.path("/var/AddressBook/.Address_Book.new");
+    const std::string staged_groups = rt.path("/var/AddressBook/.groups.new");
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        test::write_file(book, c.book);
+        test::write_file(groups, c.groups);
+        for (const auto& [path, bytes] :
+             {std::pair{staged_book, c.staged_book}, std::pair{staged_groups, c.staged_groups}}) {
+            if (bytes == none)
+                remove_file(path);
+            else
+                test::write_file(path, bytes);
+        }
+        AddressBook ab(reply);
+        ab_load(ab, rt);
+        ASSERT_TRUE(ab_save(ab, rt));
+        EXPECT_EQ(std::make_pair(test::read_file(book), test::read_file(groups)), c.expect);
+        EXPECT_FALSE(test::exists(staged_book) || test::exists(staged_groups));
+    }
+}

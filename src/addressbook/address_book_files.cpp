@@ -381,9 +381,53 @@ void write_contacts(FILE* stream, const std::vector<Entry*>& order,
     std::fwrite(chunk.data(), 1, chunk.size(), stream);
 }
 
+// The files of a save in progress, beside the ones they replace. Their
+// names start with a dot, so the start-up load leaves them in place.
+constexpr char kStagedContacts[] = "/var/AddressBook/.Address_Book.new";
+constexpr char kStagedGroups[] = "/var/AddressBook/.groups.new";
+
+std::string groups_text(AddressBook& ab) {
+    std::string body;
+    for (Group* g = ab.first_group(); g; g = g->next.get()) {
+        body += g->group_name;
+        body += '\n';
+    }
+    return body;
+}
+
+// Writes a staged file through `fill` and syncs it; false when any of it
+// failed.
+template <class Fill>
+bool stage(const std::string& path, Fill fill) {
+    FilePtr out = open_fixed_temp(path, "w");
+    if (!out) return false;
+    ::fchmod(::fileno(out.get()), 0644);  // as a plain create would have made it
+    bool ok = fill(out.get());
+    ok = std::fflush(out.get()) == 0 && ok;
+    ok = ::fsync(::fileno(out.get())) == 0 && ok;
+    return std::fclose(out.release()) == 0 && ok;
+}
+
+// A save that a power cut interrupted. Staged groups exist only once the
+// staged contacts were on disk, name included; so staged groups without
+// staged contacts mean the contacts were already renamed in place, and the
+// groups of that save follow them. Staged files of a save that got no
+// further are dropped.
+void finish_interrupted_save(const Runtime& rt) {
+    const std::string contacts = rt.path(kStagedContacts), groups = rt.path(kStagedGroups);
+    if (file_exists(groups)) {
+        if (file_exists(contacts))
+            remove_file(groups);
+        else
+            replace_file(groups, rt.path("/var/AddressBook/groups"));
+    }
+    remove_file(contacts);
+}
+
 }  // namespace
 
 void ab_load(AddressBook& ab, const Runtime& rt) {
+    finish_interrupted_save(rt);
     load_groups(ab, rt.path("/var/AddressBook/groups"));
     load_contacts(ab, rt.path("/var/AddressBook/Address_Book"));
     empty_directory(rt.path("/var/AddressBook"));
@@ -407,40 +451,31 @@ bool ab_save_contacts(AddressBook& ab, FILE* stream) {
 }
 
 bool ab_save_groups(AddressBook& ab, const Runtime& rt) {
-    // Replaced whole, so a power cut during a save leaves the previous list.
-    std::string body;
-    for (Group* g = ab.first_group(); g; g = g->next.get()) {
-        body += g->group_name;
-        body += '\n';
-    }
-    return write_file_atomic(rt.path("/var/AddressBook/groups"), body);
+    return write_file_atomic(rt.path("/var/AddressBook/groups"), groups_text(ab));
 }
 
 bool ab_save(AddressBook& ab, const Runtime& rt) {
-    // The contacts go to a fresh file that replaces the old one only when
-    // complete: truncating in place would leave a daemon killed mid-save
-    // with an empty or cut book at its next start, and the last good save
-    // gone.
-    const std::string path = rt.path("/var/AddressBook/Address_Book");
-    Fd fd;
-    auto temp = create_temp_file(rt.path("/var/AddressBook"), ".Address_Book.", &fd);
-    if (!temp) return false;
-    ::fchmod(fd.get(), 0644);  // as a plain create would have made it
-    FilePtr out(::fdopen(fd.get(), "w"));
-    if (!out) {
-        remove_file(*temp);
+    // The contacts refer to the groups by their position, so the two files
+    // are replaced as one: both are written in full under staging names
+    // first; renaming the contacts in place commits the save, the groups
+    // follow (at the next start if the power goes in between). Nothing is
+    // truncated in place: a save cut short leaves the last complete one.
+    const std::string contacts = rt.path(kStagedContacts), groups = rt.path(kStagedGroups);
+    const bool with_groups = ab.group_count() != 0;
+    bool ok =
+        stage(contacts,
+              [&](FILE* out) { return ab.entry_count() == 0 || ab_save_contacts(ab, out); }) &&
+        fsync_dir_of(contacts);
+    ok = ok && (!with_groups || stage(groups, [&](FILE* out) {
+             const std::string body = groups_text(ab);
+             return std::fwrite(body.data(), 1, body.size(), out) == body.size();
+         }));
+    if (!ok || !replace_file(contacts, rt.path("/var/AddressBook/Address_Book"))) {
+        remove_file(groups);
+        remove_file(contacts);
         return false;
     }
-    fd.release();
-    bool ok = ab.entry_count() == 0 || ab_save_contacts(ab, out.get());
-    ok = std::fflush(out.get()) == 0 && ok;
-    ok = ::fsync(::fileno(out.get())) == 0 && ok;
-    ok = std::fclose(out.release()) == 0 && ok;
-    if (!ok || !replace_file(*temp, path)) {
-        remove_file(*temp);
-        return false;
-    }
-    return ab.group_count() == 0 || ab_save_groups(ab, rt);
+    return !with_groups || replace_file(groups, rt.path("/var/AddressBook/groups"));
 }
 
 }  // namespace smsgw

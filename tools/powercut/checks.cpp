@@ -45,22 +45,28 @@ size_t count(const std::vector<std::string>& v, const std::string& s) {
     return static_cast<size_t>(std::count(v.begin(), v.end(), s));
 }
 
-// The watched files of the state against the last finished point before the
-// cut and the first one after it.
-void judge_files(const Timeline& t, const CrashState& state, Verdict& v) {
+// The watched files against the last finished point before the cut and the
+// first one after it. The address book is the one the restarted daemon
+// loaded, as its own save shows it (a save cut short is finished or undone
+// by the load); the other files are judged as the state holds them.
+void judge_files(const Timeline& t, const CrashState& state, const Restart& r, Verdict& v) {
     auto after = std::lower_bound(t.stable.begin(), t.stable.end(), state.cut);
     auto before = std::upper_bound(t.stable.begin(), t.stable.end(), state.cut) - 1;
     const auto& old_files = t.contents[static_cast<size_t>(before - t.stable.begin())];
     const auto& new_files = after == t.stable.end()
                                 ? old_files
                                 : t.contents[static_cast<size_t>(after - t.stable.begin())];
-    const std::vector<std::string> now = watched_contents(state.image);
+    std::vector<std::string> now = watched_contents(state.image);
+    now[0] = r.resaved_book;
+    now[1] = r.resaved_groups;
     const auto& names = watched_files();
-    // The address book: both files from the same save.
     auto book_is = [&](const std::vector<std::string>& f) {
         return now[0] == f[0] && now[1] == f[1];
     };
-    if (!book_is(old_files) && !book_is(new_files))
+    if (r.resave_reply != "SUCCESS")
+        v.problems.push_back("the restarted daemon could not save its address book: " +
+                             r.resave_reply);
+    else if (!book_is(old_files) && !book_is(new_files))
         v.problems.push_back("address book is no completed save: contacts '" + shorten(now[0]) +
                              "' groups '" + shorten(now[1]) + "'; before '" +
                              shorten(old_files[0]) + "' / '" + shorten(old_files[1]) +
@@ -188,14 +194,7 @@ Verdict judge(const Timeline& timeline, const CrashState& state, const Restart& 
     for (const auto& f : restart.outside) v.problems.push_back("created outside the root: " + f);
     if (!restart.drained) v.notes.push_back("job records left over: " + restart.left_over);
     judge_sends(timeline, state, restart, v);
-    judge_files(timeline, state, v);
-    // The restarted daemon's own save must be the book it loaded.
-    const std::string book = state.image.content(kBook), groups = state.image.content(kGroups);
-    if (restart.resave_reply != "SUCCESS" || restart.resaved_book != book ||
-        (!groups.empty() && restart.resaved_groups != groups))
-        v.problems.push_back("the restarted daemon saved another book (" + restart.resave_reply +
-                             "): '" + shorten(restart.resaved_book) + "' for '" + shorten(book) +
-                             "'");
+    judge_files(timeline, state, restart, v);
     return v;
 }
 

@@ -113,9 +113,19 @@ struct Tally {
     std::map<std::string, int> problems;  // kind of problem -> states
 };
 
+// A problem without its particulars (quoted texts, what follows a colon).
 std::string kind_of(const std::string& problem) {
-    size_t cut = problem.find_first_of("'(:");
-    return problem.substr(0, cut);
+    std::string out;
+    bool quoted = false;
+    for (char c : problem.substr(0, problem.find(':'))) {
+        if (c == '\'') {
+            if (!quoted) out += "...";
+            quoted = !quoted;
+        } else if (!quoted) {
+            out += c;
+        }
+    }
+    return out;
 }
 
 void count(Tally& t, const CrashState& s, const Verdict& v) {

@@ -17,8 +17,13 @@ namespace powercut {
 
 namespace {
 
-constexpr Millis kReplyWait{10000};
-constexpr Millis kHandOverWait{5000};
+// Deadlines only: a loaded machine (the whole test suite beside us, a
+// sanitizer or an emulator) may take seconds for a step that usually takes
+// milliseconds.
+constexpr Millis kReplyWait{30000};
+constexpr Millis kHandOverWait{20000};
+// A queue that hands nothing over for this long is stuck.
+constexpr auto kNoProgress = std::chrono::seconds(20);
 constexpr int kJobFiles = 9;
 
 std::string handed_path(const std::string& datagram) {
@@ -69,7 +74,7 @@ bool wait_ready(const Bench& bench, Daemon& daemon) {
                        .request(bench.ports.gui(), "get-sms total-entries groups^|^", Millis(300))
                        .has_value();
                },
-               Millis(15000)) &&
+               Millis(60000)) &&
            daemon.running();
 }
 
@@ -287,7 +292,7 @@ void drain_hand_overs(Bench& bench, Restart& r, Millis wait, bool report) {
 
 void drain_queue(Bench& bench, const std::string& root, Restart& r) {
     auto last_progress = std::chrono::steady_clock::now();
-    const auto give_up = last_progress + std::chrono::seconds(60);
+    const auto give_up = last_progress + std::chrono::seconds(300);
     // One job may be outstanding from before the requests: report it.
     bench.client.send_to(bench.ports.reports(), "P_JB");
     while (std::chrono::steady_clock::now() < give_up) {
@@ -308,7 +313,7 @@ void drain_queue(Bench& bench, const std::string& root, Restart& r) {
             }
             continue;
         }
-        if (std::chrono::steady_clock::now() - last_progress > std::chrono::seconds(3)) break;
+        if (std::chrono::steady_clock::now() - last_progress > kNoProgress) break;
     }
     r.left_over = left_over(root);
 }

@@ -194,7 +194,9 @@ TEST_F(CtlTest, EachVerbSendsItsTextsAndTellsWhatHappened) {
     // clang-format on
     write_file(path("var/config/trigger_ctrl"), rec("^|^DG^|^DELGROUP^|^YES^|^"));
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.args[0] + " " + c.args[1] + (c.args.size() > 2 ? " " + c.args[2] : ""));
+        std::string line;
+        for (const auto& a : c.args) line += a + " ";
+        SCOPED_TRACE(line);
         expect_shown(play(c.args, c.steps), c.status, c.shown);
     }
     // The JSON error object, and the rule record that answered the ctrl case.

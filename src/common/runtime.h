@@ -3,8 +3,6 @@
 // start-up found. main() creates one; a test creates a fresh one.
 #pragma once
 
-#include <netinet/in.h>
-
 #include <cstdint>
 #include <string>
 #include <string_view>

@@ -12,6 +12,8 @@
 //   "LB_OK" ends the pass), web-interface request.
 #pragma once
 
+#include <netinet/in.h>
+
 #include <optional>
 #include <string>
 #include <string_view>

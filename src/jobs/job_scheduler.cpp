@@ -43,7 +43,10 @@ Front read_front(const std::string& path, FilePtr& file, JobHeader& h) {
 // The request file named in a request line: after "send-sms api " or after
 // "send-sms" and one character, up to CR/LF.
 std::string request_file_name(std::string_view line) {
-    size_t skip = starts_with(line, "send-sms api ") ? 13 : std::min<size_t>(9, line.size());
+    constexpr std::string_view kApiLine = "send-sms api ";
+    constexpr size_t kPlainSkip = std::string_view("send-sms ").size();
+    const size_t skip =
+        starts_with(line, kApiLine) ? kApiLine.size() : std::min(kPlainSkip, line.size());
     return cut_request_line(line.substr(skip));
 }
 

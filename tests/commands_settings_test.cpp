@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 
 #include <cerrno>
+#include <functional>
 #include <string>
 
 #include "commands/intl_dialing.h"
@@ -15,20 +16,19 @@
 #include "support/test_support.h"
 
 using namespace smsgw;
-using smsgw::test::TempDir;
 
 namespace {
 
-class SettingsTest : public ::testing::Test {
-  protected:
-    SettingsTest() : rt(dir.path(), test::random_port_offset()) {
+struct SettingsTest : ::testing::Test {
+    SettingsTest() {
         test::write_file(dir / "var/run/.keep", "");
         test::write_file(dir / "var/config/.keep", "");
     }
     std::string conf() { return dir / "var/config/http_server_conf"; }
+    std::string dialing_file() { return dir / "var/config/international_dialing"; }
 
-    TempDir dir;
-    Runtime rt;
+    test::TempDir dir;
+    Runtime rt{dir.path(), test::random_port_offset()};
     TxrxLink link{rt.ports};
 };
 
@@ -46,19 +46,15 @@ struct SegmentCleanup {
 TEST_F(SettingsTest, SetConfValueCreatesReplacesAndAppends) {
     EXPECT_EQ(set_conf_value(rt, conf(), "timeout", "30"), "SUCCESS");
     EXPECT_EQ(test::read_file(conf()), "timeout=30\n");
-
     test::write_file(conf(), "status=on\nstatus_long=x\ntimeout=1\nstatus=dup\n");
     EXPECT_EQ(set_conf_value(rt, conf(), "status", "off"), "SUCCESS");
-    EXPECT_EQ(test::read_file(conf()), "status=off\nstatus_long=x\ntimeout=1\nstatus=off\n");
     EXPECT_EQ(set_conf_value(rt, conf(), "new", "v"), "SUCCESS");
-    EXPECT_EQ(test::read_file(conf()), "status=off\nstatus_long=x\ntimeout=1\nstatus=off\nnew=v\n");
-
+    const std::string kept = "status=off\nstatus_long=x\ntimeout=1\nstatus=off\nnew=v\n";
+    EXPECT_EQ(test::read_file(conf()), kept);
     std::string out;
-    EXPECT_EQ(get_conf_value(conf(), "timeout", out), "SUCCESS");
-    EXPECT_EQ(out, "1");
+    EXPECT_EQ(get_conf_value(conf(), "timeout", out) + out, "SUCCESS1");
     EXPECT_EQ(get_conf_value(conf(), "time", out), "ERROR");
     EXPECT_EQ(get_conf_value(dir / "none", "timeout", out), "ERROR");
-
     EXPECT_EQ(write_conf_value(rt, dir / "var/config/api.conf", "last-done", "7"), 1);
     EXPECT_EQ(write_conf_value(rt, dir / "var/config/api.conf", "last-done", "8"), 1);
     EXPECT_EQ(test::read_file(dir / "var/config/api.conf"), "last-done=8\n");
@@ -68,8 +64,7 @@ TEST_F(SettingsTest, SetConfValueCreatesReplacesAndAppends) {
         EXPECT_EQ(set_conf_value(rt, conf(), "big", std::string(10000, 'v')), "ERROR");
         EXPECT_EQ(set_conf_value(rt, conf(), "status", std::string(10000, 'v')), "ERROR");
     }
-    EXPECT_EQ(test::read_file(conf()), "status=off\nstatus_long=x\ntimeout=1\nstatus=off\nnew=v\n");
-
+    EXPECT_EQ(test::read_file(conf()), kept);
     // Lines are read in 255-byte pieces: a key at the start of a piece
     // counts as a line of its own.
     std::string first(255, 'a'), big(10000, 'z');
@@ -80,107 +75,97 @@ TEST_F(SettingsTest, SetConfValueCreatesReplacesAndAppends) {
 }
 
 TEST_F(SettingsTest, DialingLoaderStopsAtTheFirstOfTheTwoLines) {
-    std::string file = dir / "var/config/international_dialing";
-    struct Case {
-        const char* content;
-        int value;
-    } cases[] = {
+    const std::pair<std::string, int> cases[] = {
         {"int-dialing=enable\nmax-digits=14\n", 14},
         {"int-dialing=disable\nmax-digits=14\n", 0},
         {"max-digits=12\nint-dialing=disable\n", 12},
         {"nothing here\n", 0},
-        {"", 0},
         {"int-dialing=enable\nmax-digits=abc\n", 0},
         {"int-dialing= enable\nmax-digits= \t12\n", 12},  // blanks before the number
         {"max-digits=-3\n", -3},
+        // 500-byte lines are read in 29-byte pieces and hide no later line
+        {std::string(500, 'x') + "\nint-dialing=enable\n" + std::string(500, 'y') +
+             "\nmax-digits=9\n",
+         9},
     };
-    for (const auto& c : cases) {
-        test::write_file(file, c.content);
-        EXPECT_EQ(load_international_dialing(rt), c.value) << c.content;
+    for (const auto& [content, value] : cases) {
+        test::write_file(dialing_file(), content);
+        EXPECT_EQ(load_international_dialing(rt), value) << content;
     }
-    std::remove(file.c_str());
+    std::remove(dialing_file().c_str());
     EXPECT_EQ(load_international_dialing(rt), 0);
-    // 500-byte lines are read in 29-byte pieces and do not hide a later line.
-    test::write_file(file, std::string(500, 'x') + "\nint-dialing=enable\n" +
-                               std::string(500, 'y') + "\nmax-digits=9\n");
-    EXPECT_EQ(load_international_dialing(rt), 9);
 }
 
 TEST_F(SettingsTest, DialingGetSetAndTheSharedWord) {
     SegmentCleanup cleanup{rt.ports.shm_key()};
-    std::string file = dir / "var/config/international_dialing";
     DialingSegment seg;
-    test::write_file(file, "int-dialing= \tenable\nmax-digits=  12\n");
-    EXPECT_EQ(get_international_dialing(rt, seg, "dialing"), "checked");
-    EXPECT_EQ(get_international_dialing(rt, seg, "max-digits"), "12");
-    test::write_file(file, "int-dialing=disable\nmax-digits=12\n");
+    auto get = [&](const char* key) { return get_international_dialing(rt, seg, key); };
+    auto set = [&](const char* key, const char* value) {
+        return set_international_dialing(rt, seg, key, value);
+    };
+    test::write_file(dialing_file(), "int-dialing= \tenable\nmax-digits=  12\n");
+    EXPECT_EQ(get("dialing") + "/" + get("max-digits"), "checked/12");
+    test::write_file(dialing_file(), "int-dialing=disable\nmax-digits=12\n");
     ASSERT_TRUE(seg.attach_dialing_segment(rt));
     EXPECT_EQ(seg.value(), 0);
-
-    EXPECT_EQ(get_international_dialing(rt, seg, "dialing"), "");
-    EXPECT_EQ(get_international_dialing(rt, seg, "max-digits"), "12");
-    EXPECT_EQ(get_international_dialing(rt, seg, "other"), "ERROR");
-
+    EXPECT_EQ(get("dialing") + "/" + get("max-digits") + "/" + get("other"), "/12/ERROR");
     // Enabling does not publish the limit; setting the digits does, even
     // while disabled.
-    EXPECT_EQ(set_international_dialing(rt, seg, "dialing", "enable"), "SUCCESS");
-    EXPECT_EQ(test::read_file(file), "int-dialing=enable\nmax-digits=12\n");
-    EXPECT_EQ(get_international_dialing(rt, seg, "dialing"), "checked");
+    EXPECT_EQ(set("dialing", "enable"), "SUCCESS");
+    EXPECT_EQ(test::read_file(dialing_file()), "int-dialing=enable\nmax-digits=12\n");
+    EXPECT_EQ(get("dialing"), "checked");
     EXPECT_EQ(seg.value(), 0);
-    EXPECT_EQ(set_international_dialing(rt, seg, "max-digits", "15"), "SUCCESS");
-    EXPECT_EQ(test::read_file(file), "int-dialing=enable\nmax-digits=15\n");
+    EXPECT_EQ(set("max-digits", "15"), "SUCCESS");
+    EXPECT_EQ(test::read_file(dialing_file()), "int-dialing=enable\nmax-digits=15\n");
     EXPECT_EQ(seg.value(), 15);
-    EXPECT_EQ(set_international_dialing(rt, seg, "dialing", "disable"), "SUCCESS");
+    EXPECT_EQ(set("dialing", "disable"), "SUCCESS");
     EXPECT_EQ(seg.value(), 0);
-    EXPECT_EQ(set_international_dialing(rt, seg, "max-digits", "junk"), "SUCCESS");
-    EXPECT_EQ(test::read_file(file), "int-dialing=disable\nmax-digits=0\n");
-    EXPECT_EQ(set_international_dialing(rt, seg, "bogus", "1"), "ERROR");
-
+    EXPECT_EQ(set("max-digits", "junk"), "SUCCESS");
+    EXPECT_EQ(test::read_file(dialing_file()), "int-dialing=disable\nmax-digits=0\n");
+    EXPECT_EQ(set("bogus", "1"), "ERROR");
     // Another process attaching the key sees the same word.
-    int id = ::shmget(static_cast<key_t>(rt.ports.shm_key()), 4, 0);
-    ASSERT_GE(id, 0);
-    void* other = ::shmat(id, nullptr, SHM_RDONLY);
+    void* other = ::shmat(::shmget(static_cast<key_t>(rt.ports.shm_key()), 4, 0), nullptr, 0);
     ASSERT_NE(other, reinterpret_cast<void*>(-1));
     seg.store(11);
     EXPECT_EQ(*static_cast<volatile int32_t*>(other), 11);
     ::shmdt(other);
-
     // A file without the line is rewritten unchanged; no file is an error.
-    test::write_file(file, "max-digits=3\n");
-    EXPECT_EQ(set_international_dialing(rt, seg, "dialing", "enable"), "SUCCESS");
-    EXPECT_EQ(test::read_file(file), "max-digits=3\n");
-    std::remove(file.c_str());
-    EXPECT_EQ(set_international_dialing(rt, seg, "max-digits", "4"), "ERROR");
-    EXPECT_EQ(get_international_dialing(rt, seg, "dialing"), "ERROR");
-    EXPECT_FALSE(test::exists(file));
+    test::write_file(dialing_file(), "max-digits=3\n");
+    EXPECT_EQ(set("dialing", "enable"), "SUCCESS");
+    EXPECT_EQ(test::read_file(dialing_file()), "max-digits=3\n");
+    std::remove(dialing_file().c_str());
+    EXPECT_EQ(set("max-digits", "4") + get("dialing"), "ERRORERROR");
+    EXPECT_FALSE(test::exists(dialing_file()));
 }
 
 TEST_F(SettingsTest, CommandsNotifyTxrxAndTheHttpClient) {
     test::UdpListener txrx(rt.ports.txrx_out());
     test::UdpListener http(rt.ports.http());
-    ASSERT_TRUE(txrx.ok());
-    ASSERT_TRUE(http.ok());
-
-    EXPECT_EQ(set_sms_timer(rt, link, "45"), "SUCCESS");
-    auto control = txrx.receive();
-    ASSERT_TRUE(control);
-    ASSERT_EQ(control->size(), 100u);
-    EXPECT_EQ(control->substr(0, control->find('\0')), "cmd set-sms-timer 45 ");
-    EXPECT_EQ(http.receive(), std::string("set-sms-timer  45^|^") + '\0');
-    EXPECT_EQ(test::read_file(conf()), "timeout=45\n");
-
-    EXPECT_EQ(set_sms_status(rt, link, "disable"), "SUCCESS");
-    control = txrx.receive();
-    ASSERT_TRUE(control);
-    EXPECT_EQ(control->substr(0, control->find('\0')), "cmd set-sms-status disable ");
-    EXPECT_EQ(http.receive(), std::string("set-sms 1 status disable^|^") + '\0');
-    EXPECT_EQ(test::read_file(conf()), "timeout=45\nstatus=disable\n");
-
-    EXPECT_EQ(set_signal_strength_cmd(rt, link, "AT+CSQ"), "SUCCESS");
-    control = txrx.receive();
-    ASSERT_TRUE(control);
-    EXPECT_EQ(control->substr(0, control->find('\0')), "cmd signal_strength_cmd AT+CSQ");
-    EXPECT_EQ(test::read_file(dir / "var/config/modem_conf"), "signal_strength_cmd=AT+CSQ\n");
+    ASSERT_TRUE(txrx.ok() && http.ok());
+    struct Case {
+        std::function<std::string()> command;
+        std::string control, notice, file, file_bytes;
+    } cases[] = {
+        {[&] { return set_sms_timer(rt, link, "45"); }, "cmd set-sms-timer 45 ",
+         "set-sms-timer  45^|^", conf(), "timeout=45\n"},
+        {[&] { return set_sms_status(rt, link, "disable"); }, "cmd set-sms-status disable ",
+         "set-sms 1 status disable^|^", conf(), "timeout=45\nstatus=disable\n"},
+        {[&] { return set_signal_strength_cmd(rt, link, "AT+CSQ"); },
+         "cmd signal_strength_cmd AT+CSQ", "", dir / "var/config/modem_conf",
+         "signal_strength_cmd=AT+CSQ\n"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.control);
+        EXPECT_EQ(c.command(), "SUCCESS");
+        auto control = txrx.receive();
+        ASSERT_TRUE(control);
+        ASSERT_EQ(control->size(), 100u);
+        EXPECT_EQ(control->substr(0, control->find('\0')), c.control);
+        if (!c.notice.empty()) {
+            EXPECT_EQ(http.receive(), c.notice + '\0');
+        }
+        EXPECT_EQ(test::read_file(c.file), c.file_bytes);
+    }
 }
 
 TEST_F(SettingsTest, EnablingStartsTheHttpClient) {

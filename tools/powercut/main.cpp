@@ -197,6 +197,44 @@ std::vector<std::string> unrecorded(const History& history, const std::string& r
     return out;
 }
 
+// What every crash state of one run is tried against.
+struct Trial {
+    Bench& bench;
+    const Timeline& timeline;
+    const std::string& root;
+    const std::string& work;
+};
+
+// Writes one crash state at the recorded root's own path (job records and
+// datagrams name files by their full paths), restarts the daemon on it and
+// judges what it finds. False when the state could not even be written.
+bool try_state(const Options& o, int k, const CrashState& state, const Trial& t, Tally& tally) {
+    const std::string& dir = t.root;
+    const std::string state_log = t.work + "/state.log";
+    remove_tree(dir);
+    ::unlink(state_log.c_str());
+    if (!materialise(state.image, dir)) {
+        std::fprintf(stderr, "powercut: state %d could not be written\n", k);
+        return false;
+    }
+    Restart r = restart_on(t.bench, dir, state_log);
+    Verdict v = judge(t.timeline, state, r);
+    count(tally, state, v);
+    if (!v.ok() || o.verbose) {
+        std::printf("state %d: %s: %s\n", k, state.describe().c_str(), v.ok() ? "held" : "FAILED");
+        for (const auto& p : v.problems) std::printf("  %s\n", p.c_str());
+        for (const auto& n : v.notes) std::printf("  (%s)\n", n.c_str());
+        std::printf("  queue:%s\n", queue_files(state.image).c_str());
+    }
+    if (!v.ok() && !o.keep.empty()) {
+        smsgw::make_dirs(o.keep);
+        const std::string kept = o.keep + "/state-" + std::to_string(k);
+        ::rename(dir.c_str(), (kept + "-after").c_str());
+        materialise(state.image, kept);
+    }
+    return true;
+}
+
 int run(const Options& o) {
     std::mt19937_64 rng(o.seed);
     const Programs programs = locate();
@@ -227,35 +265,9 @@ int run(const Options& o) {
     }
 
     Tally tally;
-    for (int k = 0; k < o.states; ++k) {
-        CrashState state = sample_state(history, rng);
-        // At the recorded root's own path: job records and datagrams name
-        // files by their full paths.
-        const std::string& dir = root;
-        const std::string state_log = work + "/state.log";
-        remove_tree(dir);
-        ::unlink(state_log.c_str());
-        if (!materialise(state.image, dir)) {
-            std::fprintf(stderr, "powercut: state %d could not be written\n", k);
+    for (int k = 0; k < o.states; ++k)
+        if (!try_state(o, k, sample_state(history, rng), {bench, timeline, root, work}, tally))
             return 2;
-        }
-        Restart r = restart_on(bench, dir, state_log);
-        Verdict v = judge(timeline, state, r);
-        count(tally, state, v);
-        if (!v.ok() || o.verbose) {
-            std::printf("state %d: %s: %s\n", k, state.describe().c_str(),
-                        v.ok() ? "held" : "FAILED");
-            for (const auto& p : v.problems) std::printf("  %s\n", p.c_str());
-            for (const auto& n : v.notes) std::printf("  (%s)\n", n.c_str());
-            std::printf("  queue:%s\n", queue_files(state.image).c_str());
-        }
-        if (!v.ok() && !o.keep.empty()) {
-            smsgw::make_dirs(o.keep);
-            const std::string kept = o.keep + "/state-" + std::to_string(k);
-            ::rename(dir.c_str(), (kept + "-after").c_str());
-            materialise(state.image, kept);
-        }
-    }
     report(o, tally);
     int shm = ::shmget(static_cast<key_t>(16384 + offset), 0, 0);
     if (shm >= 0) ::shmctl(shm, IPC_RMID, nullptr);

@@ -65,25 +65,18 @@ class CtlTest : public DaemonFixture {
         argv.insert(argv.end(), args.begin(), args.end());
         return std::make_unique<Child>(argv, path("ctl.out"), path("ctl.err"), env);
     }
-    CtlResult finish(Child& ctl) {
-        int status = ctl.finish();
-        return {status, file("ctl.out"), file("ctl.err")};
-    }
+    CtlResult finish(Child& ctl) { return {ctl.finish(), file("ctl.out"), file("ctl.err")}; }
     CtlResult ctl(const Args& args) { return finish(*spawn(args)); }
-    // The request text, after checking that the length datagram matches it.
-    std::optional<std::string> take() {
-        auto len = fake_->receive(10s);
-        auto text = len ? fake_->receive(10s) : std::nullopt;
-        EXPECT_TRUE(!text || *len == std::to_string(text->size())) << *text;
-        return text;
-    }
-    // Runs smsgwctl and plays the daemon's part of `steps`; `between` runs
-    // after each request was taken, before the reply.
+    // Runs smsgwctl and plays the daemon's part of `steps` (each request
+    // comes as a length datagram, then the text); `between` runs after each
+    // request was taken, before the reply.
     CtlResult play(const Args& args, const std::vector<Step>& steps,
                    const std::function<void(const std::string&)>& between = {}) {
         auto child = spawn(args);
         for (const auto& s : steps) {
-            auto text = take();
+            auto len = fake_->receive(10s);
+            auto text = len ? fake_->receive(10s) : std::nullopt;
+            EXPECT_TRUE(text && *len == std::to_string(text->size()));
             EXPECT_TRUE(s.request.empty() || text == s.request) << text.value_or("<nothing>");
             if (!text) break;
             if (s.file) write_file(path("var/run/RESPONSE_FILE"), *s.file);
@@ -132,49 +125,31 @@ TEST_F(CtlTest, EachVerbSendsItsTextsAndTellsWhatHappened) {
         {{"contacts", "count"}, {{"get-sms total-entries phone_book^|^", "xyz"}}, 5, "unexpected answer"},
         {{"contacts", "add", "Ann Lee", "+4912"}, {{"add-sms phone_book Ann Lee^|^+4912^|^^|^", S}}, 0,
          "added 'Ann Lee' (+4912)\n"},
-        {{"contacts", "add", "Ann", "1", "home", "--group", "G1"},
-         {g1, {"add-sms phone_book Ann^|^1^|^home^|^G1^|^", S}}, 0, "added"},
         // A missing group would be reported only after the contact was added.
         {{"contacts", "add", "Ann", "1", "--group", "G1"}, {no_g1}, 1, "no such group: 'G1'"},
         {{"contacts", "add", "Ann", "1"}, {{"add-sms phone_book Ann^|^1^|^^|^", "Duplicate Entry Exists."}}, 1,
          "the contact already has this number (smsgwd answered \"Duplicate Entry Exists.\")"},
         {{"contacts", "del", "Ann", "1"}, {ann, {"del-sms phone_book Ann^|^1^|^", S}, nobody}, 0, "deleted"},
         // The daemon answers "SUCCESS" (and miscounts) for a number the contact lacks.
-        {{"contacts", "del", "Ann", "1"}, {nobody}, 1, "no contact 'Ann' (1)"},
         {{"contacts", "edit", "Ann", "1", "Bob", "2"},
          {ann, {"edit-sms phone_book Ann^|^1^|^Bob^|^2^|^home^|^", S},
           {"get-sms phone_number 2^|^", RF, "Bob^|^2^|^home^|^\n"}, nobody}, 0, "changed 'Ann' (1) to 'Bob' (2)"},
-        // "SUCCESS" although nothing changed: the book tells.
-        {{"contacts", "edit", "Ann", "1", "Bob", "2", "x"},
-         {ann, {"edit-sms phone_book Ann^|^1^|^Bob^|^2^|^x^|^", S}, {"get-sms phone_number 2^|^", "ERROR"}}, 1,
-         "was not changed"},
-        {{"contacts", "find-number", "1"}, {nobody}, 1, "no contact has the number 1"},
         {{"contacts", "list", "--prefix", "Zz"}, {{"get-sms phone_book Zz^|^1^|^", "ERROR:Search is Unsuccesful."}},
          1, "no contact name begins with 'Zz'"},
         {{"contacts", "list", "--page", "3"}, {{"get-sms phone_book 21^|^", RF, kNoMembers}}, 0, "0 shown from 21"},
         {{"groups", "list", "--page", "2"}, {{"get-sms groups 11^|^", RF, "MAX_ELEMENTS=0\n"}}, 0, "0 groups"},
-        {{"groups", "members", "G1"}, {no_g1}, 1, "no such group: 'G1'"},
         {{"groups", "add", "Friends", "Ann", "1"},
          {ann, {"add-sms groups Friends^|^Ann^|^1^|^[null]^|^", S}, {"get-sms group Friends^|^1^|^", RF, kNoMembers}},
          0, "created the group 'Friends' with 1 member"},
-        {{"groups", "add", "Friends", "Ann", "1"}, {nobody}, 1, "no contact 'Ann' (1)"},
         // A deletion answers "ERROR" whatever it did.
         {{"groups", "del", "G1"}, {g1, {"del-sms groups G1^|^", "ERROR"}, no_g1}, 0, "deleted 'G1'"},
         {{"groups", "del", "G1"}, {g1, {"del-sms groups G1^|^", "ERROR"}, g1}, 1, "'G1' was not deleted"},
-        {{"groups", "del", "G1"}, {no_g1}, 1, "no such group"},
         // A rename answers "Invalid String to Parse" when it worked.
         {{"groups", "rename", "G1", "B"},
          {g1, {"edit-sms groups G1^|^B^|^", "Invalid String to Parse"}, {"get-sms group B^|^1^|^", RF, kNoMembers},
           no_g1}, 0, "renamed the group 'G1' to 'B'"},
-        {{"groups", "rename", "G1", "B"},
-         {g1, {"edit-sms groups G1^|^B^|^", "Invalid String to Parse"}, {"get-sms group B^|^1^|^", S}}, 1,
-         "was not renamed"},
         {{"groups", "add-member", "G", "Ann", "1"},
          {g_empty, ann, g_empty, {"add-sms group G^|^Ann^|^1^|^", S}, ann_in_g}, 0, "added 1 member to 'G'"},
-        {{"groups", "add-member", "G", "Ann", "1"}, {g_empty, ann, g_empty, {"add-sms group G^|^Ann^|^1^|^", "ERROR"},
-         g_empty}, 1, "'Ann' (1) was not added to 'G'"},
-        {{"groups", "del-member", "G", "Ann", "1"},
-         {g_empty, ann_in_g, {"del-sms group G^|^Ann^|^1^|^", S}, g_empty}, 0, "removed 1 member"},
         {{"groups", "del-member", "G", "Ann", "1"}, {g_empty, g_empty}, 1, "'Ann' (1) is not in the group 'G'"},
         {{"triggers", "add", "ctrl", "Delete a Group", "DG", "--auth", "YES"},
          {{"edit-sms trigger ctrl_data Delete a Group^|^DG^|^YES^|^", S},
@@ -208,11 +183,7 @@ TEST_F(CtlTest, EachVerbSendsItsTextsAndTellsWhatHappened) {
 TEST_F(CtlTest, DamagedListingsAndGarbageAreStatusFive) {
     const std::vector<std::string> damaged = {
         "99999999999999999999^|^Ann^|^1^|^^|^",  // length far beyond the data
-        "40^|^Ann^|^1^|^^|^",                    // length past the end
-        "^|^Ann^|^1^|^^|^",                      // no length at all
-        "18^|^Ann^|^123^|^^|^",                  // no trailer
         "9^|^A^|^1^|^18^|^MAX_ELEMENTS=1",       // record with too few fields
-        "18^|^MAX_ELEMENTS=x1",
         std::string("18^|^Ann^|^123^|^^|^\0\0\0", 23),
     };
     for (const auto& d : damaged) {
@@ -253,15 +224,13 @@ TEST_F(CtlTest, BadCommandLinesAreOneLineStatusTwoAndSendNothing) {
     const std::string huge(100000, 'x');
     // clang-format off
     const std::vector<Args> bad = {
-        {}, {"nonsense"}, {"contacts"}, {"contacts", "frobnicate"}, {"contacts", "add", huge, "1"},
+        {}, {"nonsense"}, {"contacts", "frobnicate"}, {"contacts", "add", huge, "1"},
         {"contacts", "add", "A^|^B", "1"}, {"contacts", "add", "Evil\x1b[2J", "1"},
-        {"contacts", "add", "two\nlines", "1"}, {"contacts", "list", "--page", "0"},
-        {"contacts", "list", "--bogus"}, {"groups", "add", "G", "Ann"}, {"groups", "del", huge},
+        {"contacts", "list", "--page", "0"}, {"groups", "add", "G", "Ann"},
         {"triggers", "add", "broadcast", "K", "t", "--group", "x]|[y"},
-        {"triggers", "add", "ctrl", "Make Coffee", "K"}, {"triggers", "del", "ctrl", "1"},
-        {"send", "hello"}, {"send", "--to", "abc", "hi"}, {"send", "--to", "1", std::string(160, 'x')},
-        {"send", "--all", "--all-groups", "hi"}, {"raw", huge}, {"--port-offset", "x", "status"},
-        {"--root", "/nonexistent/root", "status"}, {"import-csv", "f", "--columns", "1,2,3"},
+        {"triggers", "add", "ctrl", "Make Coffee", "K"}, {"send", "hello"},
+        {"send", "--to", "1", std::string(160, 'x')}, {"send", "--all", "--all-groups", "hi"},
+        {"--port-offset", "x", "status"}, {"--root", "/nonexistent/root", "status"},
     };
     // clang-format on
     for (const auto& args : bad) {
@@ -298,19 +267,10 @@ TEST_F(CtlTest, RootAndPortOffsetFromTheEnvironmentOrARelativeRoot) {
     const std::vector<std::string> env = {"SMSGW_ROOT=" + root_.path(),
                                           "SMSGW_PORT_OFFSET=" + std::to_string(offset_)};
     auto child = spawn({"contacts", "count"}, env, false);
-    ASSERT_EQ(take(), "get-sms total-entries phone_book^|^");
+    ASSERT_TRUE(fake_->receive(10s));
+    EXPECT_EQ(fake_->receive(10s), "get-sms total-entries phone_book^|^");
     fake_->reply("7");
     EXPECT_EQ(finish(*child).out, "7\n");
-    // The root named relative to the working directory.
-    char cwd[4096];
-    ASSERT_TRUE(::getcwd(cwd, sizeof cwd));
-    std::string relative;
-    for (const char* p = cwd; *p; ++p) relative += *p == '/' ? "../" : "";
-    child = spawn({"--root", relative + root_.path().substr(1), "--port-offset",
-                   std::to_string(offset_), "import-csv", "/dev/null"},
-                  {}, false);
-    ASSERT_EQ(take(), "CSVFILE");
-    EXPECT_TRUE(exists(path("var/run/csv_frmt.dat")));
 }
 
 // ---------------------------------------------------------------- sending
@@ -327,22 +287,22 @@ std::string job(const std::string& from, const std::string& body) {
 }
 
 TEST_F(CtlTest, SendWritesTheRequestFileAndReportsItsFate) {
+    // What the fake does with the request: t takes the file, h counts a
+    // hand-off, q queues it, f marks the queue full.
     struct SendCase {
         Args args;
-        std::string reply;
-        std::string fate;  // what the fake does: t take the file, h count a hand-off,
-                           // q queue it, f mark the queue full
+        std::string reply, fate;
         int status;
         std::string shown;
     };
     // clang-format off
     const std::vector<SendCase> cases = {
-        {{"--force", "--to", "+4911", "--to", "+4922", "--contact", "Ann Lee", "--group", "Friends",
-          "--from", "ops", "hello there"}, "", "th", 0, "handed to the modem\n"},
-        {{"--force", "--all", "hi"}, "", "t", 1, "the daemon dropped the job"},
-        {{"--force", "--all-groups", "hi"}, "", "", 1, "did not take the request file"},
-        {{"--force", "--to", "1", "hi"}, "OK", "tq", 0, "queued at position 2 of 2\n"},
-        {{"--force", "--to", "1", "hi"}, "OK", "tf", 1, "the job queue is full"},
+        {{"--to", "+4911", "--to", "+4922", "--contact", "Ann Lee", "--group", "Friends", "--from", "ops", "hello there"},
+         "", "th", 0, "handed to the modem\n"},
+        {{"--all", "hi"}, "", "t", 1, "the daemon dropped the job"},
+        {{"--all-groups", "hi"}, "", "", 1, "did not take the request file"},
+        {{"--to", "1", "hi"}, "OK", "tq", 0, "queued at position 2 of 2\n"},
+        {{"--to", "1", "hi"}, "OK", "tf", 1, "the job queue is full"},
     };
     // clang-format on
     for (const auto& c : cases) {
@@ -350,26 +310,24 @@ TEST_F(CtlTest, SendWritesTheRequestFileAndReportsItsFate) {
         write_file(path("var/config/job_stats_file"), "0\n0\n0");
         ::unlink(path("var/Jobs/jobfull").c_str());
         write_file(path("var/Jobs/Pending_Jobs_1"), job("send-sms /tmp/other", ""));
-        Args args = {"send"};
+        const std::string to = c.args[0] == "--all"          ? "__ALL__"
+                               : c.args[0] == "--all-groups" ? "__GALL__"
+                                                             : "1^|^";
+        const std::string image =
+            c.args.size() > 3 ? encode_request_file("ops", "hello there", "+4911^|^+4922^|^",
+                                                    "0^|^Ann Lee^|^", "Friends^|^")
+                              : encode_request_file("admin", "hi", to, "", "");
+        Args args = {"send", "--force"};
         args.insert(args.end(), c.args.begin(), c.args.end());
         CtlResult r = play(args, {{"", c.reply}}, [&](const std::string& request) {
-            const std::string file = request.substr(9);
-            EXPECT_EQ(request, "send-sms " + file);
-            EXPECT_EQ(file.rfind(path("tmp/smsgwctl-"), 0), 0u);
-            const std::string all = c.args[1] == "--all"          ? "__ALL__"
-                                    : c.args[1] == "--all-groups" ? "__GALL__"
-                                                                  : "";
-            const std::string image =
-                c.args.size() > 4
-                    ? encode_request_file("ops", "hello there", "+4911^|^+4922^|^",
-                                          "0^|^Ann Lee^|^", "Friends^|^")
-                    : encode_request_file("admin", "hi", all.empty() ? "1^|^" : all, "", "");
-            EXPECT_EQ(read_file(file), image);
-            auto does = [&](char what) { return c.fate.find(what) != std::string::npos; };
-            if (does('t')) ::unlink(file.c_str());
-            if (does('h')) write_file(path("var/config/job_stats_file"), "0\n0\n1");
-            if (does('q')) smsgw::append_file(path("var/Jobs/Pending_Jobs_1"), job(request, ""));
-            if (does('f')) write_file(path("var/Jobs/jobfull"), "");
+            EXPECT_EQ(request.rfind("send-sms " + path("tmp/smsgwctl-"), 0), 0u) << request;
+            EXPECT_EQ(read_file(request.substr(9)), image);
+            if (c.fate.find('t') != std::string::npos) ::unlink(request.substr(9).c_str());
+            if (c.fate.find('h') != std::string::npos)
+                write_file(path("var/config/job_stats_file"), "0\n0\n1");
+            if (c.fate.find('q') != std::string::npos)
+                smsgw::append_file(path("var/Jobs/Pending_Jobs_1"), job(request, ""));
+            if (c.fate.find('f') != std::string::npos) write_file(path("var/Jobs/jobfull"), "");
         });
         expect_shown(r, c.status, c.shown);
         EXPECT_TRUE(spool().empty());
@@ -404,14 +362,6 @@ TEST_F(CtlTest, JobsListTheRingFromTheReadFileOn) {
                   "3      Pending_Jobs_1       328   2 groups              2d00h    +4999  news\n"
                   "modem  PerModem_PendingJob  353   1 group               0s       x      y\n"
                   "3 queued, 1 for the modems\n");
-    r = ctl({"jobs", "--json"});
-    EXPECT_NE(
-        r.out.find(
-            "{\"position\":1,\"file\":\"Pending_Jobs_9\",\"offset\":0,\"size\":" + size +
-            ",\"request\":\"send-sms /tmp/a\",\"recipients\":{\"numbers\":3,\"contacts\":1,"
-            "\"groups\":0,\"all\":null},\"min_age_s\":0,\"sender\":\"ops\",\"text\":\"first\"}"),
-        std::string::npos)
-        << r.out;
     // A record cut short: what precedes it is listed, the status says so.
     smsgw::append_file(path("var/Jobs/Pending_Jobs_1"), "<JB/SRT>");
     r = ctl({"jobs"});
@@ -447,57 +397,37 @@ class CtlDaemonTest : public CtlTest {
   protected:
     void SetUp() override {
         fake_.reset();
+        set_env("SMSGW_SIM_SILENT", "1");
         start();
     }
 };
 
-TEST_F(CtlDaemonTest, StatusSaysWhetherTheDaemonOfThisRootRuns) {
+// One session against the real daemon: its answers are what the fake plays
+// above, and the book, the rule files and the queue show each change.
+TEST_F(CtlDaemonTest, ASessionChecksEachChangeAgainstTheDaemon) {
+    const std::string pid = std::to_string(daemon_->pid());
     write_file(path("var/run/txrx_signal.ttyS0"),
                "/dev/ttyS0 23 99 " + std::to_string(std::time(nullptr) + 86400) + "\n");
     write_file(path("var/config/sms_stats_file"),
                std::string(16, '\0') + i32_bytes(4) + i32_bytes(9));
     CtlResult r = ctl({"status"});
-    expect_shown(r, 0, "smsgwd:          running, pid " + std::to_string(daemon_->pid()) + ", up ");
-    expect_shown(
-        r, 0,
-        "answers:         yes, on 127.0.0.1:" + std::to_string(20205 + offset_) + " (0 contacts");
+    expect_shown(r, 0, "smsgwd:          running, pid " + pid + ", up ");
+    expect_shown(r, 0, "answers:         yes, on 127.0.0.1:" + std::to_string(20205 + offset_));
     expect_shown(r, 0, "signal:          /dev/ttyS0 -67 dBm (rssi 23, ber 99), read 0s ago\n");
     expect_shown(r, 0, "sms counters:    0 0 0 0, triggers acted on 4, triggers received 9\n");
-    expect_shown(ctl({"--json", "status"}), 0,
-                 "{\"daemon\":{\"running\":true,\"pid\":" + std::to_string(daemon_->pid()));
-    stop();
-    r = ctl({"status"});
-    expect_shown(r, 3, "nothing listens");
-    EXPECT_NE(r.out.find("smsgwd:          not running for root " + root_.path()),
-              std::string::npos)
-        << r.out;
-}
+    expect_shown(ctl({"--json", "status"}), 0, "{\"daemon\":{\"running\":true,\"pid\":" + pid);
 
-TEST_F(CtlDaemonTest, AddressBookChangesAreCheckedAgainstTheBook) {
-    EXPECT_EQ(ctl({"contacts", "add", "Ann Lee", "+4911", "home"}).status, 0);
-    EXPECT_EQ(ctl({"contacts", "add", "Bob", "+4922"}).status, 0);
-    expect_shown(ctl({"contacts", "add", "ann lee", "+4911"}), 1, "already has this number");
-    expect_shown(ctl({"contacts", "del", "Bob", "+4999"}), 1, "no contact 'Bob' (+4999)");
-    EXPECT_EQ(ctl({"contacts", "count"}).out, "2\n");
-    EXPECT_EQ(ctl({"groups", "add", "Team", "Bob", "+4922"}).status, 0);
-    expect_shown(ctl({"groups", "add-member", "Team", "Bob", "+4922"}), 1,
-                 "'Bob' (+4922) is already in the group 'Team'");
-    EXPECT_EQ(ctl({"groups", "rename", "Team", "Crew"}).status, 0);
-    EXPECT_EQ(ctl({"groups", "members", "Crew"}).out,
-              "NAME  NUMBER  DESCRIPTION\nBob   +4922\n1 shown from 1, 1 in all\n");
-    expect_shown(ctl({"contacts", "edit", "Ann Lee", "+4911", "Bob", "+4922"}), 1,
-                 "was not changed");
-    EXPECT_EQ(ctl({"contacts", "edit", "Ann Lee", "+4911", "Ann Lee", "+4933"}).status, 0);
-    expect_shown(ctl({"contacts", "find-number", "+4933"}), 0, "Ann Lee  +4933   home\n");
-    EXPECT_EQ(ctl({"groups", "del", "Crew"}).status, 0);
-    expect_shown(ctl({"groups", "del", "Crew"}), 1, "no such group: 'Crew'");
-    // A name that arrived by other ways reaches the terminal escaped.
-    EXPECT_EQ(ctl({"raw", "add-sms phone_book \x1b[2JEvil^|^+4944^|^^|^"}).status, 0);
-    expect_shown(ctl({"contacts", "list", "--prefix", "\x1b"}), 0, "\\e[2JEvil  +4944");
-    EXPECT_EQ(ctl({"contacts", "del", "\x1b[2JEvil", "+4944"}).status, 0);
-}
+    write_file(path("in.csv"), "Firstname,Lastname,Description,Phone-Number\nAnn,Lee,x,123\n");
+    expect_shown(ctl({"import-csv", path("in.csv")}), 0, "(contacts in the book: 1)");
+    EXPECT_EQ(ctl({"export-csv"}).out,
+              "Firstname,Lastname,Description,Phone-Number\r\nAnn,Lee,x,123\r\n");
+    expect_shown(ctl({"contacts", "add", "ann lee", "123"}), 1, "already has this number");
+    EXPECT_EQ(ctl({"groups", "add", "Team", "Ann Lee", "123"}).status, 0);
+    expect_shown(ctl({"groups", "add-member", "Team", "Ann Lee", "123"}), 1,
+                 "'Ann Lee' (123) is already in the group 'Team'");
+    EXPECT_EQ(ctl({"groups", "members", "Team"}).out,
+              "NAME     NUMBER  DESCRIPTION\nAnn Lee  123     x\n1 shown from 1, 1 in all\n");
 
-TEST_F(CtlDaemonTest, RuleListsAndCsvRoundTrip) {
     EXPECT_EQ(ctl({"triggers", "add", "auth", "Ann", "+4911"}).status, 0);
     expect_shown(ctl({"triggers", "add", "auth", "ANN", "+4911"}), 1,
                  "is already an authenticated user");
@@ -511,24 +441,8 @@ TEST_F(CtlDaemonTest, RuleListsAndCsvRoundTrip) {
     EXPECT_EQ(ctl({"triggers", "list", "broadcast"}).out,
               "INDEX  KEYWORD  TEXT  GROUPS  AUTH  ALLOWED\n1      MEET     at 5  -       NO    "
               "Ann <+4911>\n");
-    EXPECT_EQ(ctl({"triggers", "del", "auth", "Ann", "+4911"}).status, 0);
-    EXPECT_EQ(file("var/config/trigger_broadcast"),
-              rec("^|^MEET^|^at 5^|^[null]]|[^|^NO^|^[null]]|[^|^"));
-    write_file(path("in.csv"), "Firstname,Lastname,Description,Phone-Number\nAnn,Lee,x,123\n");
-    expect_shown(ctl({"import-csv", path("in.csv")}), 0, "(contacts in the book: 1)");
-    EXPECT_EQ(ctl({"export-csv"}).out,
-              "Firstname,Lastname,Description,Phone-Number\r\nAnn,Lee,x,123\r\n");
-    write_file(path("bad.csv"), "Firstname,Lastname,Description,Phone-Number\n,Lee,x,123\n");
-    expect_shown(ctl({"import-csv", path("bad.csv")}), 1,
-                 "a line lacks the first name or the number");
-}
 
-TEST_F(CtlDaemonTest, SendIsHandedOverQueuedOrRefused) {
-    stop();
-    set_env("SMSGW_SIM_SILENT", "1");  // the first job stays outstanding
-    start();
-    EXPECT_EQ(ctl({"groups", "add", "Team"}).status, 0);
-    expect_shown(ctl({"send", "--group", "Nope", "hi"}), 1, "no such group: 'Nope'");
+    // The simulated modem never answers: the first job stays outstanding.
     expect_shown(ctl({"send", "--force", "--group", "Nope", "hi"}), 1,
                  "the daemon dropped the job");
     expect_shown(ctl({"send", "--to", "+4911", "one"}), 0, "handed to the modem\n");
@@ -537,10 +451,13 @@ TEST_F(CtlDaemonTest, SendIsHandedOverQueuedOrRefused) {
     const std::string size =
         std::to_string(108 + encode_request_file("admin", "two", "", "", "Team^|^").size());
     expect_shown(ctl({"jobs"}), 0, "1  Pending_Jobs_1  " + size + "   1 group");
-    expect_shown(ctl({"send", "--spool", path("var/Jobs"), "--to", "1", "x"}), 1,
-                 "did not take the request file");
-    for (const auto& f : tree_below(path("var/Jobs")))
-        EXPECT_EQ(f.find("smsgwctl-"), std::string::npos);
+
+    stop();
+    r = ctl({"status"});
+    expect_shown(r, 3, "nothing listens");
+    EXPECT_NE(r.out.find("smsgwd:          not running for root " + root_.path()),
+              std::string::npos)
+        << r.out;
 }
 
 }  // namespace

@@ -16,21 +16,14 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr char kLoopBack[] = "TIMESETTINGS_LOOP_BACK_MSG";
-
-// One inbox record: a host-order 32-bit length, then the text.
-std::string inbox_record(const std::string& text) {
+// A loop-back inbox record: a host-order 32-bit length, then the text.
+std::string inbox_record(const std::string& head) {
+    const std::string text = head + "TIMESETTINGS_LOOP_BACK_MSG";
     return i32_bytes(static_cast<int32_t>(text.size())) + text;
 }
 
 class TxrxSim : public DaemonFixture {
   protected:
-    TxrxSim() {
-        seed_contacts("Ann^|^+4911^|^^|^1,^|^\nBen^|^+4922^|^^|^1,^|^\nCid^|^+4933^|^^|^1,^|^\n",
-                      "Crew\n");
-        write_file(path("var/config/trigger_ctrl"),
-                   rec("^|^ADD^|^ADDENTRY^|^NO^|^") + rec("^|^Del^|^DELENTRY^|^YES^|^"));
-    }
     // Runs a txrx-sim command with the root and port offset in its
     // environment: its exit status, -1 when it does not end in time.
     int sim(const std::vector<std::string>& args) {
@@ -42,10 +35,9 @@ class TxrxSim : public DaemonFixture {
                      {"SMSGW_ROOT=" + root_.path(), "SMSGW_PORT_OFFSET=" + std::to_string(offset_)})
             .finish(10s);
     }
-    std::string send(const std::string& name, const std::string& numbers,
-                     const std::string& groups = "") {
-        return ask("send-sms " + spool_file(name, encode_request_file("admin", "hello " + name,
-                                                                      numbers, "", groups)));
+    std::string send(const std::string& name) {
+        return ask("send-sms " +
+                   spool_file(name, encode_request_file("admin", name, "+4951^|^", "", "")));
     }
     std::string contacts() { return ask("get-sms total-entries phone_book^|^"); }
     std::string calls() const { return file("calls.log"); }
@@ -55,45 +47,38 @@ class TxrxSim : public DaemonFixture {
 TEST_F(TxrxSim, LoopBackWithAStampSetsThatTime) {
     start();
     ASSERT_EQ(sim({"loopback", "+4999", "24/03/01 12:05:09+04"}), 0) << file("sim.out");
-    const std::string first = "+4999^|^24/03/01^|^12:05:09+04^|^" + std::string(kLoopBack);
-    EXPECT_EQ(inbox(), inbox_record(first));
+    const std::string first = inbox_record("+4999^|^24/03/01^|^12:05:09+04^|^");
+    EXPECT_EQ(inbox(), first);
     ASSERT_TRUE(wait_for([&] { return count_of(calls(), "date 030112052024.09\n") == 1; }, 10s))
         << calls() << daemon_log();
 
     // The stamp as two words, appended: the daemon acts on the report
     // again, and the earlier record stays the one that counts.
     ASSERT_EQ(sim({"loopback", "+4998", "25/12/31", "23:59:58-08"}), 0);
-    EXPECT_EQ(inbox(), inbox_record(first) + inbox_record("+4998^|^25/12/31^|^23:59:58-08^|^" +
-                                                          std::string(kLoopBack)));
+    EXPECT_EQ(inbox(), first + inbox_record("+4998^|^25/12/31^|^23:59:58-08^|^"));
     EXPECT_TRUE(wait_for([&] { return count_of(calls(), "date 030112052024.09\n") == 2; }, 10s))
         << calls();
     EXPECT_EQ(count_of(calls(), "date "), 2u) << calls();
 }
 
+// "date MMDDhhmmYYYY.ss" in UTC.
+std::string date_call(std::time_t t) {
+    char text[32];
+    std::strftime(text, sizeof text, "date %m%d%H%M%Y.%S\n", std::gmtime(&t));
+    return text;
+}
+
 TEST_F(TxrxSim, LoopBackWithoutAStampSetsNow) {
     start();
-    std::time_t before = std::time(nullptr);
+    const std::time_t before = std::time(nullptr);
     ASSERT_EQ(sim({"loopback"}), 0) << file("sim.out");
-    std::time_t after = std::time(nullptr);
-    ASSERT_TRUE(wait_for([&] { return calls().find("date ") != std::string::npos; }, 10s))
-        << daemon_log();
-    // "date MMDDhhmmYYYY.ss", read back as a UTC time.
-    std::string line = calls().substr(calls().find("date "));
-    line = line.substr(5, line.find('\n') - 5);
-    ASSERT_EQ(line.size(), 15u) << line;
-    ASSERT_EQ(line[12], '.') << line;
-    std::tm tm{};
-    tm.tm_mon = std::stoi(line.substr(0, 2)) - 1;
-    tm.tm_mday = std::stoi(line.substr(2, 2));
-    tm.tm_hour = std::stoi(line.substr(4, 2));
-    tm.tm_min = std::stoi(line.substr(6, 2));
-    tm.tm_year = std::stoi(line.substr(8, 4)) - 1900;
-    tm.tm_sec = std::stoi(line.substr(13, 2));
-    std::time_t stamped = ::timegm(&tm);
-    EXPECT_GE(stamped, before) << line;
-    EXPECT_LE(stamped, after) << line;
+    const std::time_t after = std::time(nullptr);
+    ASSERT_TRUE(wait_for([&] { return count_of(calls(), "date ") == 1; }, 10s)) << daemon_log();
+    bool now = false;
+    for (std::time_t t = before; t <= after; ++t)
+        now = now || calls().find(date_call(t)) != std::string::npos;
+    EXPECT_TRUE(now) << calls();
     // A default sender was filled in before the stamp.
-    EXPECT_GT(inbox().size(), 4u);
     EXPECT_NE(inbox().find("^|^"), 4u) << inbox();
 }
 
@@ -102,13 +87,10 @@ TEST_F(TxrxSim, BadArgumentsAreRefusedAndWriteNothing) {
     // transceiver writes the pid file and the log.
     const std::vector<std::vector<std::string>> bad = {
         {},
-        {"inject"},
         {"inject", "+49"},
         {"request"},
-        {"--bogus"},
         {"/dev/ttyS0", "/dev/ttyS1"},
         {"loopback", "24/03/01"},                             // date without time
-        {"loopback", "+49", "24/03/01", "12:05"},             // short time
         {"loopback", "+49", "2024/03/01 12:05:09+04"},        // four-digit year
         {"loopback", "+49", "24/03/01", "12:05:09"},          // no zone
         {"loopback", "a^|^b"},                                // separator in sender
@@ -116,46 +98,31 @@ TEST_F(TxrxSim, BadArgumentsAreRefusedAndWriteNothing) {
         {"loopback", "+49", "24/03/01", "12:05:09+04", "x"},  // too many words
     };
     for (const auto& args : bad) {
-        std::string joined;
-        for (const auto& a : args) joined += a + " ";
-        EXPECT_EQ(sim(args), 2) << joined;
-        EXPECT_EQ(file("sim.out").rfind("txrx-sim: ", 0), 0u) << joined;
-        EXPECT_EQ(inbox(), "") << joined;
+        EXPECT_EQ(sim(args), 2) << args.size();
+        EXPECT_EQ(file("sim.out").rfind("txrx-sim: ", 0), 0u) << file("sim.out");
     }
+    EXPECT_EQ(inbox(), "");
     EXPECT_FALSE(exists(path("var/run/txrx_pid_file")));
     EXPECT_FALSE(exists(path("var/run/txrx-sim.log")));
     EXPECT_EQ(sim({"--help"}), 0);
     EXPECT_NE(file("sim.out").find("loopback [SENDER]"), std::string::npos);
 }
 
-TEST_F(TxrxSim, DelayedAnswerHoldsTheNextJobBack) {
-    constexpr auto kDelay = 1500ms;
-    set_env("SMSGW_SIM_DELAY_MS", std::to_string(kDelay.count()));
-    start();
-    auto sent = std::chrono::steady_clock::now();
-    ASSERT_EQ(send("one", "+4951^|^"), "");
-    ASSERT_TRUE(wait_jobs(1));
-    // Still unanswered: the second request is queued, not handed over.
-    EXPECT_EQ(send("two", "+4952^|^"), "OK");
-    ASSERT_TRUE(wait_for([&] { return jobs().size() == 2; }, 15s)) << daemon_log();
-    EXPECT_GE(std::chrono::steady_clock::now() - sent, kDelay);
-    EXPECT_NE(jobs()[1].find("to=+4952"), std::string::npos) << jobs()[1];
-}
-
 TEST_F(TxrxSim, SilentModemNeverReleasesTheQueue) {
+    write_file(path("var/config/trigger_ctrl"), rec("^|^ADD^|^ADDENTRY^|^NO^|^"));
     set_env("SMSGW_SIM_SILENT", "1");
     start();
-    ASSERT_EQ(send("one", "+4951^|^"), "");
+    ASSERT_EQ(send("one"), "");
     ASSERT_TRUE(wait_jobs(1));
-    EXPECT_EQ(send("two", "+4952^|^"), "OK");
+    EXPECT_EQ(send("two"), "OK");
     // An SMS report behind any answer the simulator might have sent: once
     // the daemon has acted on it, and answered one more request, a released
     // queue would have handed over the second job. Any letter case names
     // the trigger; the sender needs no authentication.
     ASSERT_EQ(sim({"inject", "+4999", "add:Dora;+4960"}), 0);
-    ASSERT_TRUE(wait_for([&] { return contacts() == "4"; }, 10s)) << daemon_log();
+    ASSERT_TRUE(wait_for([&] { return contacts() == "1"; }, 10s)) << daemon_log();
     EXPECT_NE(ask("get-sms phone_number +4960^|^"), "ERROR");
-    EXPECT_EQ(contacts(), "4");
+    EXPECT_EQ(contacts(), "1");
     EXPECT_EQ(jobs().size(), 1u);
 
     // Playing the modem's answer by hand releases it.

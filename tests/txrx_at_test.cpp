@@ -54,18 +54,16 @@ TEST(AtReader, SplitsLinesAndBoundsThem) {
 }
 
 TEST(ModemAnswers, ListingsIndicationsAndSignal) {
-    auto list = parse_listing({"+CMGL: 1,0,,22", "0791AB", "~noise~", "+CMGL: 7,1,\"x\",3", "junk",
-                               "00AA", "+CMGL: 9,0,,3"});
-    ASSERT_EQ(list.size(), 2u);
-    EXPECT_EQ(list[0].index, 1);
-    EXPECT_EQ(list[0].pdu, "0791AB");
-    EXPECT_EQ(list[1].index, 7);
-    EXPECT_EQ(list[1].stat, 1);
-    EXPECT_EQ(list[1].pdu, "00AA");
-    auto read = parse_listing({"+CMGR: 0,,5", "ABC", "00FF"}, 4);
-    ASSERT_EQ(read.size(), 1u);
-    EXPECT_EQ(read[0].index, 4);
-    EXPECT_EQ(read[0].pdu, "00FF");
+    auto listed = [](const std::vector<std::string>& lines, int index = -1) {
+        std::string out;
+        for (const auto& e : parse_listing(lines, index))
+            out += std::to_string(e.index) + "," + std::to_string(e.stat) + ":" + e.pdu + " ";
+        return out;
+    };
+    EXPECT_EQ(listed({"+CMGL: 1,0,,22", "0791AB", "~noise~", "+CMGL: 7,1,\"x\",3", "junk", "00AA",
+                      "+CMGL: 9,0,,3"}),
+              "1,0:0791AB 7,1:00AA ");
+    EXPECT_EQ(listed({"+CMGR: 0,,5", "ABC", "00FF"}, 4), "4,0:00FF ");
     EXPECT_EQ(indication_index("+CMTI: \"SM\",12"), 12);
     EXPECT_EQ(indication_index("+CMTI: \"SM\""), -1);
     EXPECT_EQ(indication_index("RING"), -1);
@@ -232,14 +230,15 @@ TEST(TxrxOptions, ValuesAndRefusals) {
     EXPECT_EQ(ok.options->timeout, 10ms);
     EXPECT_EQ(ok.options->retries, 0);
     EXPECT_EQ(ok.options->device, "/dev/ttyS1");
-    for (auto bad : std::vector<std::vector<const char*>>{{},
-                                                          {"ttyS0"},
-                                                          {"--baud"},
-                                                          {"--timeout-ms", "9", "/d"},
-                                                          {"--retries", "21", "/d"},
-                                                          {"--bogus", "/d"},
-                                                          {"/a", "/b"}}) {
-        auto r = parse(bad);
+    const std::vector<std::vector<const char*>> bad = {{},
+                                                       {"ttyS0"},
+                                                       {"--baud"},
+                                                       {"--timeout-ms", "9", "/d"},
+                                                       {"--retries", "21", "/d"},
+                                                       {"--bogus", "/d"},
+                                                       {"/a", "/b"}};
+    for (const auto& args : bad) {
+        auto r = parse(args);
         EXPECT_FALSE(r.options);
         EXPECT_EQ(r.exit_status, 2);
     }

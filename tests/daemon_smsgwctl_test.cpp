@@ -162,6 +162,7 @@ TEST_F(CtlTest, EachVerbSendsItsTextsAndTellsWhatHappened) {
         {{"triggers", "del", "auth", "Ann", "1"}, {{"get-sms trigger auth-list^|^", "/var/config/authenticate_list"}},
          1, "'Ann' (1) is not an authenticated user"},
         {{"save"}, {{"save-address-book ^|^", "ERROR"}}, 1, "the address book could not be written"},
+        {{"import-csv", "/nonexistent.csv"}, {}, 4, "cannot read /nonexistent.csv: No such file or directory"},
         {{"raw", "get-sms total-entries groups^|^"}, {{"get-sms total-entries groups^|^", "3"}}, 0, "3\n"},
         {{"raw", "bogus"}, {{"bogus", "ERROR"}}, 1, "refused"},
         {{"--json", "contacts", "find-number", "1"}, {nobody}, 1, "no contact has the number 1"},

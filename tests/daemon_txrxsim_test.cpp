@@ -82,32 +82,6 @@ TEST_F(TxrxSim, LoopBackWithoutAStampSetsNow) {
     EXPECT_NE(inbox().find("^|^"), 4u) << inbox();
 }
 
-TEST_F(TxrxSim, BadArgumentsAreRefusedAndWriteNothing) {
-    // No daemon: a refused call must not even write the inbox, and only a
-    // transceiver writes the pid file and the log.
-    const std::vector<std::vector<std::string>> bad = {
-        {},
-        {"inject", "+49"},
-        {"request"},
-        {"/dev/ttyS0", "/dev/ttyS1"},
-        {"loopback", "24/03/01"},                             // date without time
-        {"loopback", "+49", "2024/03/01 12:05:09+04"},        // four-digit year
-        {"loopback", "+49", "24/03/01", "12:05:09"},          // no zone
-        {"loopback", "a^|^b"},                                // separator in sender
-        {"loopback", std::string(50, '7')},                   // sender too long
-        {"loopback", "+49", "24/03/01", "12:05:09+04", "x"},  // too many words
-    };
-    for (const auto& args : bad) {
-        EXPECT_EQ(sim(args), 2) << args.size();
-        EXPECT_EQ(file("sim.out").rfind("txrx-sim: ", 0), 0u) << file("sim.out");
-    }
-    EXPECT_EQ(inbox(), "");
-    EXPECT_FALSE(exists(path("var/run/txrx_pid_file")));
-    EXPECT_FALSE(exists(path("var/run/txrx-sim.log")));
-    EXPECT_EQ(sim({"--help"}), 0);
-    EXPECT_NE(file("sim.out").find("loopback [SENDER]"), std::string::npos);
-}
-
 TEST_F(TxrxSim, SilentModemNeverReleasesTheQueue) {
     write_file(path("var/config/trigger_ctrl"), rec("^|^ADD^|^ADDENTRY^|^NO^|^"));
     set_env("SMSGW_SIM_SILENT", "1");

@@ -10,9 +10,6 @@
 namespace smsgw::pdu {
 namespace {
 
-std::string hex(std::string_view bytes) {
-    return to_hex(bytes);
-}
 std::string bytes(std::string_view h) {
     auto b = from_hex(h);
     EXPECT_TRUE(b) << h;
@@ -40,7 +37,7 @@ TEST(PduSubmit, PublishedVectors) {
     for (const auto& c : cases) {
         auto parts = encode_submit(c.number, c.text, 0);
         ASSERT_EQ(parts.size(), 1u) << c.text;
-        EXPECT_EQ(hex(parts[0]), c.tpdu) << c.text;
+        EXPECT_EQ(to_hex(parts[0]), c.tpdu) << c.text;
         auto back = decode_submit(parts[0]);
         ASSERT_TRUE(back);
         EXPECT_EQ(back->to.text, c.number);
@@ -50,53 +47,42 @@ TEST(PduSubmit, PublishedVectors) {
 }
 
 TEST(PduSubmit, PartBoundaries) {
+    const std::string a152 = repeat("a", 152), a153 = a152 + "a", z67 = repeat("\xD0\xB6", 67);
     const std::string euro = "\xE2\x82\xAC";       // two septets
-    const std::string zhe = "\xD0\xB6";            // UCS-2, one unit
     const std::string smile = "\xF0\x9F\x98\x80";  // UCS-2, two units
-    struct Case {
-        std::string text;
-        std::vector<size_t> sizes;  // septets or units per part
-    } cases[] = {
-        {repeat("a", 160), {160}},
-        {repeat("a", 161), {153, 8}},
-        {repeat("a", 159) + euro, {153, 8}},
-        {repeat("a", 158) + euro, {160}},
-        {repeat("a", 152) + euro + repeat("b", 7), {152, 9}},  // the pair moves whole
-        {repeat(zhe, 70), {70}},
-        {repeat(zhe, 71), {67, 4}},
-        {repeat(zhe, 66) + smile + repeat(zhe, 3), {66, 5}},  // the surrogate pair moves whole
-        {repeat(zhe, 300), {67, 67, 67, 67, 32}},
+    // The parts' texts: 160 septets or 70 units fit one part, 153 or 67 a
+    // part of several; an escape pair or a surrogate pair moves whole.
+    const std::vector<std::vector<std::string>> cases = {
+        {repeat("a", 160)},
+        {a153, repeat("a", 8)},
+        {a153, repeat("a", 6) + euro},
+        {repeat("a", 158) + euro},
+        {a152, euro + repeat("b", 7)},
+        {repeat("\xD0\xB6", 70)},
+        {z67, repeat("\xD0\xB6", 4)},
+        {repeat("\xD0\xB6", 66), smile + repeat("\xD0\xB6", 3)},
+        {z67, z67, z67, z67, repeat("\xD0\xB6", 32)},
     };
-    for (const auto& c : cases) {
-        auto parts = encode_submit("+4912", c.text, 0x42);
-        ASSERT_EQ(parts.size(), c.sizes.size()) << c.text.size();
-        std::string joined;
+    for (const auto& texts : cases) {
+        std::string text;
+        for (const auto& t : texts) text += t;
+        auto parts = encode_submit("+4912", text, 0x42);
+        ASSERT_EQ(parts.size(), texts.size()) << text.size();
         for (size_t i = 0; i < parts.size(); ++i) {
             auto s = decode_submit(parts[i]);
             ASSERT_TRUE(s);
-            joined += s->text;
-            auto units = gsm::decode_utf8(s->text);
-            size_t size = 0;
-            for (char32_t ch : units) {
-                uint8_t sep[2];
-                size += s->dcs == kDcsUcs2 ? gsm::ucs2_units(ch) : gsm::septets_for(ch, sep);
-            }
-            EXPECT_EQ(size, c.sizes[i]);
-            if (parts.size() == 1) {
-                EXPECT_FALSE(s->concat);
-                continue;
-            }
-            ASSERT_TRUE(s->concat);
+            EXPECT_EQ(s->text, texts[i]) << i;
+            EXPECT_EQ(s->concat.has_value(), texts.size() > 1);
+            if (!s->concat) continue;
             EXPECT_EQ(s->concat->ref, 0x42);
             EXPECT_EQ(s->concat->total, parts.size());
             EXPECT_EQ(s->concat->seq, i + 1);
         }
-        EXPECT_EQ(joined, c.text);
     }
     // The first part of a long 7-bit text: UDHI, UDL 160 = 7 header septets
     // + 153, the header, one fill bit, then the text.
     auto parts = encode_submit("+123", repeat("a", 161), 0xCC);
-    EXPECT_EQ(hex(parts[0].substr(0, 18)), "5100039121F30000AAA0050003CC0201C2E1");
+    EXPECT_EQ(to_hex(parts[0].substr(0, 18)), "5100039121F30000AAA0050003CC0201C2E1");
 }
 
 TEST(PduDeliver, PublishedAndBuiltVectors) {
@@ -112,27 +98,20 @@ TEST(PduDeliver, PublishedAndBuiltVectors) {
         Deliver in;
         const char* pdu;
     } cases[] = {
+        // clang-format off
         // Negative zone (-4 h = -16 quarters: sign bit 0x08), 7-bit text.
         {{{"+4915", kTypeInternational}, {24, 3, 1, 12, 5, 9, -16}, 0, kDcsGsm7, {}, "Hi"},
-         "0000049194510000423010215090690"
-         "2C834"},
+         "00000491945100004230102150906902C834"},
         // Alphanumeric originator, 16-bit reference, UCS-2.
-        {{{"Bank", kTypeAlphanumeric},
-          {26, 12, 31, 23, 59, 58, 4},
-          0,
-          kDcsUcs2,
-          Concat{0x1234, 2, 1, true},
-          "\xC3\xA9"},
-         "004007D0C2B07B0D0008622113329585400906080412340201"
-         "00E9"},
+        {{{"Bank", kTypeAlphanumeric}, {26, 12, 31, 23, 59, 58, 4}, 0, kDcsUcs2, Concat{0x1234, 2, 1, true}, "\xC3\xA9"},
+         "004007D0C2B07B0D000862211332958540090608041234020100E9"},
         // 8-bit data reads as Latin-1.
-        {{{"1", kTypeUnknown}, {}, 0, kDcsData8, {}, "\xC3\xBF"},
-         "00000181F10004001010000000000"
-         "1FF"},
+        {{{"1", kTypeUnknown}, {}, 0, kDcsData8, {}, "\xC3\xBF"}, "00000181F100040010100000000001FF"},
+        // clang-format on
     };
     for (const auto& c : cases) {
         std::string pdu = encode_deliver(c.in);
-        EXPECT_EQ(hex(pdu), c.pdu);
+        EXPECT_EQ(to_hex(pdu), c.pdu);
         auto back = decode_deliver(pdu);
         ASSERT_TRUE(back);
         EXPECT_EQ(back->from.text, c.in.from.text);
@@ -147,36 +126,29 @@ TEST(PduDeliver, PublishedAndBuiltVectors) {
 
 TEST(PduDeliver, DamagedInputIsRefusedOrVoidsOnlyTheElement) {
     // 07.. "hellohello" with a header; each case damages one length.
+    // What each decodes to: n nothing, y a message, c one with its part header.
     struct Case {
         const char* pdu;
-        bool decodes;
-        bool concat;
+        char outcome;
     } cases[] = {
-        {"0004038121F300009930925161958005C8329BFD0E", true, false},
-        {"0004038121F300009930925161958006C8329BFD0E", false, false},  // UDL beyond data
-        {"0004038121F30000993092516195", false, false},                // cut in the stamp
-        {"0004158121F300009930925161958000", false, false},            // address too long
-        {"0044038121F30008993092516195800605000301020100", true, true},
-        {"0044038121F3000899309251619580060500030102"
-         "00",
-         true, false},  // part 0
-        {"0044038121F3000899309251619580060500030102"
-         "03",
-         true, false},                                                     // beyond the total
-        {"0044038121F30008993092516195800609000301020100", false, false},  // UDHL beyond data
-        {"0044038121F30008993092516195800605000401020100", false, false},  // element beyond UDH
-        {"0044038121F30000993092516195800000", false, false},              // UDHI, no data
-        {"0001038121F300009930925161958000", false, false},                // a SUBMIT
-        {"00040381FFFF0000993092516195800000", true, false},               // F digits stop
-        {"0004038121F300F0993092516195800001", true, false},               // class 0 7-bit
-        {"0004038121F300009A30925161958000", false, false},                // BCD A
+        {"0004038121F300009930925161958005C8329BFD0E", 'y'},
+        {"0004038121F300009930925161958006C8329BFD0E", 'n'},  // UDL beyond data
+        {"0004038121F30000993092516195", 'n'},                // cut in the stamp
+        {"0004158121F300009930925161958000", 'n'},            // address too long
+        {"0044038121F30008993092516195800605000301020100", 'c'},
+        {"0044038121F300089930925161958006050003010200", 'y'},    // part 0
+        {"0044038121F300089930925161958006050003010203", 'y'},    // beyond the total
+        {"0044038121F30008993092516195800609000301020100", 'n'},  // UDHL beyond data
+        {"0044038121F30008993092516195800605000401020100", 'n'},  // element beyond UDH
+        {"0044038121F30000993092516195800000", 'n'},              // UDHI, no data
+        {"0001038121F300009930925161958000", 'n'},                // a SUBMIT
+        {"00040381FFFF0000993092516195800000", 'y'},              // F digits stop
+        {"0004038121F300F0993092516195800001", 'y'},              // class 0 7-bit
+        {"0004038121F300009A30925161958000", 'n'},                // BCD A
     };
     for (const auto& c : cases) {
         auto d = decode_deliver(bytes(c.pdu));
-        EXPECT_EQ(d.has_value(), c.decodes) << c.pdu;
-        if (d) {
-            EXPECT_EQ(d->concat.has_value(), c.concat) << c.pdu;
-        }
+        EXPECT_EQ(!d ? 'n' : d->concat ? 'c' : 'y', c.outcome) << c.pdu;
     }
     for (const char* h : {"0", "0G", "zz", "123"}) EXPECT_FALSE(from_hex(h)) << h;
     EXPECT_EQ(from_hex("aBcD"), std::string("\xAB\xCD"));
@@ -224,7 +196,7 @@ TEST(GsmAlphabet, Conversions) {
               U"\uFFFD"
               U"A");
     EXPECT_EQ(gsm::from_ucs2(std::string("\x00\x41\x00", 3)), U"A");
-    EXPECT_EQ(hex(gsm::pack_septets({0x41}, 7)), "00000000000082");
+    EXPECT_EQ(to_hex(gsm::pack_septets({0x41}, 7)), "00000000000082");
 }
 
 }  // namespace
@@ -239,17 +211,13 @@ TEST(SignalQualityFile, OneLineBothWays) {
     EXPECT_EQ(encode_signal_quality(q), "/dev/ttyS1 23 99 1700000000\n");
     auto back = decode_signal_quality("/dev/ttyS1 0 7 5\n");
     ASSERT_TRUE(back);
-    EXPECT_EQ(back->rssi, 0);
-    EXPECT_EQ(back->ber, 7);
-    EXPECT_EQ(back->time, 5);
+    EXPECT_EQ(encode_signal_quality(*back), "/dev/ttyS1 0 7 5\n");
     for (const char* bad : {"/dev/ttyS1 23 99 1\n\n", "/dev/ttyS1 23 99 1", "ttyS1 23 99 1\n",
                             "/dev/ttyS1 100 99 1\n", "/dev/ttyS1 23 99\n", "/d 1 2 3 4\n", "\n"})
         EXPECT_FALSE(decode_signal_quality(bad)) << bad;
     EXPECT_EQ(signal_dbm(0), -113);
     EXPECT_EQ(signal_dbm(31), -51);
-    EXPECT_FALSE(signal_dbm(32));
-    EXPECT_FALSE(signal_dbm(-1));
-    EXPECT_FALSE(signal_dbm(99));
+    for (int bad : {32, -1, 99}) EXPECT_FALSE(signal_dbm(bad)) << bad;
 }
 
 }  // namespace

@@ -2,20 +2,13 @@
 // txrx supervision, the start-up clean-up of stale children and the
 // endpoints.
 #include <fcntl.h>
-#include <gtest/gtest.h>
-#include <poll.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
-#include <chrono>
-#include <cstdlib>
-#include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "common/runtime.h"
@@ -29,102 +22,79 @@ namespace {
 
 using test::PtyModem;
 using test::TempDir;
-using namespace std::chrono_literals;
+using Strings = std::vector<std::string>;
 
-Options parse(std::vector<std::string> args) {
+Options parse(Strings args) {
     std::vector<const char*> argv{"smsgwd"};
     for (auto& a : args) argv.push_back(a.c_str());
     return parse_options(static_cast<int>(argv.size()), argv.data());
 }
 
 TEST(CoreOptions, CommandLinesAreAcceptedOrRefused) {
-    struct Case {
-        std::vector<std::string> args;
-        Options::Action action;
+    using A = Options::Action;
+    const struct {
+        Strings args;
+        A action;
         int offset;
-    };
-    const std::vector<Case> cases = {
-        {{}, Options::Action::Run, 0},
-        {{"--port-offset", "100"}, Options::Action::Run, 100},
-        {{"--port-offset=35232"}, Options::Action::Run, 35232},  // 30303 + N = 65535
-        {{"--port-offset", "35233"}, Options::Action::UsageError, 0},
-        {{"--port-offset", "-1"}, Options::Action::UsageError, 0},
-        {{"--port-offset", "-0"}, Options::Action::UsageError, 0},
-        {{"--port-offset", "12x"}, Options::Action::UsageError, 0},
-        {{"--port-offset", ""}, Options::Action::UsageError, 0},
-        {{"--port-offset"}, Options::Action::UsageError, 0},
-        {{"--root"}, Options::Action::UsageError, 0},
-        {{"--root", "relative/dir"}, Options::Action::UsageError, 0},
-        {{"--bogus"}, Options::Action::UsageError, 0},
-        {{"stray"}, Options::Action::UsageError, 0},
-        {{"--help"}, Options::Action::Help, 0},
-        {{"--version"}, Options::Action::Version, 0},
-        {{"--version", "--help"}, Options::Action::Help, 0},
+    } cases[] = {
+        {{}, A::Run, 0},
+        {{"--port-offset", "100"}, A::Run, 100},
+        {{"--port-offset=35232"}, A::Run, 35232},  // 30303 + N = 65535
+        {{"--port-offset", "35233"}, A::UsageError, 0},
+        {{"--port-offset", "-1"}, A::UsageError, 0},
+        {{"--port-offset", "-0"}, A::UsageError, 0},
+        {{"--port-offset", "12x"}, A::UsageError, 0},
+        {{"--port-offset", ""}, A::UsageError, 0},
+        {{"--port-offset"}, A::UsageError, 0},
+        {{"--root"}, A::UsageError, 0},
+        {{"--root", "relative/dir"}, A::UsageError, 0},
+        {{"--spool-dir", "rel"}, A::UsageError, 0},
+        {{"--bogus"}, A::UsageError, 0},
+        {{"stray"}, A::UsageError, 0},
+        {{"--help"}, A::Help, 0},
+        {{"--version"}, A::Version, 0},
+        {{"--version", "--help"}, A::Help, 0},
     };
     for (const auto& c : cases) {
-        std::string shown;
-        for (auto& a : c.args) shown += "[" + a + "]";
+        SCOPED_TRACE(c.args.empty() ? "" : c.args[0] + " " + c.args.back());
         Options o = parse(c.args);
-        EXPECT_EQ(o.action, c.action) << shown;
-        if (c.action == Options::Action::Run) {
-            EXPECT_EQ(o.port_offset, c.offset) << shown;
-        }
-        if (c.action == Options::Action::UsageError) {
-            EXPECT_FALSE(o.error.empty()) << shown;
-        }
+        EXPECT_EQ(o.action, c.action);
+        EXPECT_EQ(o.port_offset, c.offset);
+        EXPECT_EQ(o.error.empty(), c.action != A::UsageError);
     }
-}
-
-TEST(CoreOptions, SpoolDirsDefaultUnderTheRootAndAreReplacedByTheOption) {
     Options o = parse({"--root", "/srv/box/"});
     EXPECT_EQ(o.root, "/srv/box/");
-    EXPECT_EQ(o.spool_dirs,
-              (std::vector<std::string>{"/srv/box/tmp", "/srv/box/var/tmp", "/srv/box/var/run"}));
-    EXPECT_EQ(parse({}).spool_dirs, (std::vector<std::string>{"/tmp", "/var/tmp", "/var/run"}));
-    Options s = parse({"--root", "/r", "--spool-dir", "/a/", "--spool-dir=/b"});
-    EXPECT_EQ(s.spool_dirs, (std::vector<std::string>{"/a", "/b"}));
-    EXPECT_EQ(parse({"--spool-dir", "rel"}).action, Options::Action::UsageError);
+    EXPECT_EQ(o.spool_dirs, (Strings{"/srv/box/tmp", "/srv/box/var/tmp", "/srv/box/var/run"}));
+    EXPECT_EQ(parse({}).spool_dirs, (Strings{"/tmp", "/var/tmp", "/var/run"}));
+    o = parse({"--root", "/r", "--spool-dir", "/a/", "--spool-dir=/b"});
+    EXPECT_EQ(o.spool_dirs, (Strings{"/a", "/b"}));
 }
 
-TEST(CoreModemProbe, SignalValueMustBeFrom1To31) {
-    struct Case {
-        const char* answer;
-        bool usable;
-    };
-    for (const Case& c :
-         {Case{"\r\n+CSQ: 15,99\r\n\r\nOK\r\n", true}, Case{"+CSQ: 31,0", true},
-          Case{"+CSQ: 1,99", true}, Case{"+CSQ: 99,99", false}, Case{"+CSQ: 0,0", false},
-          Case{"+CSQ: 32,0", false}, Case{"+CSQ: -5,0", false}, Case{"+CSQ: 20", true},
-          Case{"+CSQ: ,20", false}, Case{"ERROR", false}, Case{"", false}})
-        EXPECT_EQ(signal_value_usable(c.answer), c.usable) << c.answer;
-}
+TEST(CoreModemProbe, OnlyModemsWithASignalFrom1To31AreListedInNameOrder) {
+    for (const char* a : {"+CSQ: 31,0", "+CSQ: 1,99", "+CSQ: 20"})
+        EXPECT_TRUE(signal_value_usable(a)) << a;
+    for (const char* a :
+         {"+CSQ: 99,99", "+CSQ: 0,0", "+CSQ: 32,0", "+CSQ: -5,0", "+CSQ: ,20", "ERROR", ""})
+        EXPECT_FALSE(signal_value_usable(a)) << a;
 
-TEST(CoreModemProbe, OnlyModemsWithAUsableSignalAreListedInNameOrder) {
     TempDir root;
     test::write_file(root / "var/run/.keep", "");
     PtyModem s1("\r\n+CSQ: 15,99\r\nOK\r\n"), s2("+CSQ: 99,99\r\n"), s3("+CSQ: 31,0\r\n"),
         s10("+CSQ: 0,0\r\n");
     ::mkdir((root / "dev").c_str(), 0755);
-    ASSERT_EQ(::symlink(s1.slave_path().c_str(), (root / "dev/ttyS1").c_str()), 0);
-    ASSERT_EQ(::symlink(s2.slave_path().c_str(), (root / "dev/ttyS2").c_str()), 0);
-    ASSERT_EQ(::symlink(s3.slave_path().c_str(), (root / "dev/ttyS3").c_str()), 0);
-    ASSERT_EQ(::symlink(s10.slave_path().c_str(), (root / "dev/ttyS10").c_str()), 0);
+    for (auto [modem, name] : {std::pair{&s1, "1"}, {&s2, "2"}, {&s3, "3"}, {&s10, "10"}})
+        ASSERT_EQ(::symlink(modem->slave_path().c_str(), (root / "dev/ttyS" + name).c_str()), 0);
     test::write_file(root / "dev/ttyS4", "not a device");  // rejected without a probe
     test::write_file(root / "dev/ttyUSB0", "");            // not a serial port name
 
     Runtime rt(root.path(), 0);
     EXPECT_EQ(list_serial_devices(rt),
-              (std::vector<std::string>{"/dev/ttyS1", "/dev/ttyS10", "/dev/ttyS2", "/dev/ttyS3",
-                                        "/dev/ttyS4"}));
+              (Strings{"/dev/ttyS1", "/dev/ttyS10", "/dev/ttyS2", "/dev/ttyS3", "/dev/ttyS4"}));
     find_wireless_modems(rt, 800);
     EXPECT_EQ(test::read_file(root / "var/run/wirelessmodems"), "/dev/ttyS1\n/dev/ttyS3\n");
     EXPECT_EQ(rt.no_of_modems, 2);
-    EXPECT_EQ(s1.received(), "AT+CSQ\r\n");
     EXPECT_EQ(s10.received(), "AT+CSQ\r\n");
-}
 
-TEST(CoreModemProbe, MissingOrSilentDevicesAreRejected) {
-    TempDir root;
     EXPECT_EQ(getserialfd(""), -1);
     EXPECT_EQ(probe_modem(root / "dev/ttyS0", 10), -1);
     PtyModem mute("");  // reads the command, answers nothing
@@ -133,109 +103,87 @@ TEST(CoreModemProbe, MissingOrSilentDevicesAreRejected) {
 
 TEST(CoreProcesses, PidFileAndProcessState) {
     TempDir dir;
-    struct Case {
-        const char* text;
-        pid_t pid;
-    };
-    for (const Case& c : {Case{"123\n", 123}, Case{"  77 trailing", 77}, Case{"-1\n", 0},
-                          Case{"0\n", 0}, Case{"1\n", 0}, Case{"abc\n", 0}, Case{"", 0}}) {
-        test::write_file(dir / "pid", c.text);
-        EXPECT_EQ(read_pid_file(dir / "pid"), c.pid) << c.text;
+    for (const char* text : {"-1\n", "0\n", "1\n", "abc\n", ""}) {
+        test::write_file(dir / "pid", text);
+        EXPECT_EQ(read_pid_file(dir / "pid"), 0) << text;
     }
+    test::write_file(dir / "pid", "  77 trailing");
+    EXPECT_EQ(read_pid_file(dir / "pid"), 77);
     EXPECT_EQ(read_pid_file(dir / "missing"), 0);
 
     pid_t child = ::fork();
     if (child == 0) ::_exit(0);
-    ASSERT_GT(child, 0);
     EXPECT_TRUE(test::wait_for([&] { return process_state(child) == "zombie"; }));
     ::waitpid(child, nullptr, 0);
     EXPECT_EQ(process_state(child), "");
     EXPECT_EQ(process_state(::getpid()), "running");
 }
 
-// A txrx stand-in that records its arguments and exits at once, so each
-// one becomes a zombie the daemon has to notice.
-struct ShortLivedTxrx {
+// The txrx stand-in records its arguments and exits at once, so each one
+// becomes a zombie the supervisor has to notice.
+TEST(CoreTxrxSupervisor, OneChildPerModemAndAZombieRestartsEveryModem) {
     TempDir root;
     Runtime rt{root.path(), 0};
-    std::string log = root / "started.log";
-    ShortLivedTxrx() {
-        test::write_file(root / "bin/txrx", "#!/bin/sh\necho \"$0 $*\" >> '" + log + "'\n");
-        ::chmod((root / "bin/txrx").c_str(), 0755);
-        test::write_file(root / "var/run/wirelessmodems", "/dev/ttyS0\n/dev/ttyS3\n");
-    }
-    size_t starts() {
-        std::string t = test::read_file(log);
-        return static_cast<size_t>(std::count(t.begin(), t.end(), '\n'));
-    }
-};
-
-TEST(CoreTxrxSupervisor, OneChildPerModemAndAZombieRestartsEveryModem) {
-    ShortLivedTxrx s;
-    TxrxSupervisor sup(s.rt);
+    const std::string log = root / "started.log", pid_file = rt.path("/var/run/txrx_pid_file");
+    test::write_file(root / "bin/txrx", "#!/bin/sh\necho \"$0 $*\" >> '" + log + "'\n");
+    ::chmod((root / "bin/txrx").c_str(), 0755);
+    test::write_file(root / "var/run/wirelessmodems", "/dev/ttyS0\n/dev/ttyS3\n");
+    auto starts = [&] {
+        const std::string t = test::read_file(log);
+        return std::count(t.begin(), t.end(), '\n');
+    };
+    TxrxSupervisor sup(rt);
     std::vector<pid_t> first = sup.spawn_txrx_for_each_modem();
     ASSERT_EQ(first.size(), 2u);
-    // Each child gets its modem line's device as the argument.
-    ASSERT_TRUE(test::wait_for([&] { return s.starts() == 2; }));
-    const std::string log = test::read_file(s.log);
-    EXPECT_NE(log.find(s.root.path() + "/bin/txrx /dev/ttyS0\n"), std::string::npos) << log;
-    EXPECT_NE(log.find(s.root.path() + "/bin/txrx /dev/ttyS3\n"), std::string::npos) << log;
+    ASSERT_TRUE(test::wait_for([&] { return starts() == 2; }));
+    const std::string started = test::read_file(log);
+    EXPECT_NE(started.find(root / "bin/txrx /dev/ttyS0\n"), std::string::npos) << started;
+    EXPECT_NE(started.find(root / "bin/txrx /dev/ttyS3\n"), std::string::npos) << started;
     ASSERT_TRUE(test::wait_for([&] { return process_state(first[1]) == "zombie"; }));
 
     // While a dial-out holds the modem nothing is restarted.
-    test::write_file(s.rt.path("/var/run/txrx_pid_file"), std::to_string(first[1]) + "\n");
+    test::write_file(pid_file, std::to_string(first[1]) + "\n");
     sup.set_enabled(false);
     EXPECT_FALSE(sup.txrx_monitor());
     EXPECT_EQ(process_state(first[1]), "zombie");
-
     sup.set_enabled(true);
     EXPECT_TRUE(sup.txrx_monitor());
-    EXPECT_TRUE(test::wait_for([&] { return s.starts() == 4; }));
+    EXPECT_TRUE(test::wait_for([&] { return starts() == 4; }));
     EXPECT_EQ(process_state(first[1]), "");  // reaped after the look
 
     // A living txrx, a missing pid file: no restart.
-    test::write_file(s.rt.path("/var/run/txrx_pid_file"), std::to_string(::getpid()) + "\n");
+    test::write_file(pid_file, std::to_string(::getpid()) + "\n");
     EXPECT_FALSE(sup.txrx_monitor());
-    ::unlink(s.rt.path("/var/run/txrx_pid_file").c_str());
+    ::unlink(pid_file.c_str());
     EXPECT_FALSE(sup.txrx_monitor());
-    EXPECT_EQ(s.starts(), 4u);
-}
-
-pid_t start_sleeper(const std::string& argv0) {
-    pid_t pid = ::fork();
-    if (pid == 0) {
-        ::execl("/bin/sleep", argv0.c_str(), "30", static_cast<char*>(nullptr));
-        ::_exit(127);
-    }
-    return pid;
-}
-
-std::string cmdline_arg0(pid_t pid) {
-    std::string t = test::read_file("/proc/" + std::to_string(pid) + "/cmdline");
-    return t.substr(0, t.find('\0'));
+    EXPECT_EQ(starts(), 4);
 }
 
 TEST(CoreTxrxSupervisor, StartUpCleanUpEndsOnlyThisRootsTxrxAndTimeClient) {
     TempDir root, other;
-    Runtime rt(root.path(), 0);
-    const std::vector<std::string> names = {root / "bin/txrx", root / "bin/msntp",
-                                            other / "bin/txrx", root / "bin/txrx-extra", "txrx"};
+    const Strings names = {root / "bin/txrx", root / "bin/msntp", other / "bin/txrx",
+                           root / "bin/txrx-extra", "txrx"};
     std::vector<pid_t> pids;
-    for (const auto& n : names) pids.push_back(start_sleeper(n));
-    for (size_t i = 0; i < pids.size(); ++i)
-        ASSERT_TRUE(test::wait_for([&] { return cmdline_arg0(pids[i]) == names[i]; }));
-
-    EXPECT_EQ(kill_stale_children(rt), 2);
+    for (const auto& n : names) {
+        pids.push_back(::fork());
+        if (pids.back() == 0) {
+            ::execl("/bin/sleep", n.c_str(), "30", static_cast<char*>(nullptr));
+            ::_exit(127);
+        }
+        ASSERT_TRUE(test::wait_for([&] {
+            return test::read_file("/proc/" + std::to_string(pids.back()) + "/cmdline")
+                       .rfind(n + '\0', 0) == 0;
+        }));
+    }
+    EXPECT_EQ(kill_stale_children(Runtime(root.path(), 0)), 2);
     for (size_t i = 0; i < pids.size(); ++i) {
         int status = 0;
-        if (i < 2) {
-            ASSERT_EQ(::waitpid(pids[i], &status, 0), pids[i]);
-            EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << names[i];
-        } else {
+        if (i >= 2) {
             EXPECT_EQ(::waitpid(pids[i], &status, WNOHANG), 0) << names[i] << " was ended";
             ::kill(pids[i], SIGKILL);
-            ::waitpid(pids[i], &status, 0);
         }
+        ASSERT_EQ(::waitpid(pids[i], &status, 0), pids[i]);
+        EXPECT_EQ(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL, true) << names[i];
     }
 }
 

@@ -24,10 +24,8 @@ TEST_F(DaemonAddressBook, SigusrOneSavesWhatWasLoaded) {
     const std::string groups = "Family\nwork\nAll\n";
     seed_contacts(contacts, groups);
     start();
-
     // The memory copy is authoritative after the load: the files are gone.
-    EXPECT_FALSE(exists(path(kBook)));
-    EXPECT_FALSE(exists(path(kGroups)));
+    EXPECT_FALSE(exists(path(kBook)) || exists(path(kGroups)));
     EXPECT_FALSE(exists(path("var/run/init_address_book")));
     EXPECT_EQ(ask("get-sms total-entries phone_book^|^"), "4");
     EXPECT_EQ(ask("get-sms total-entries groups^|^"), "3");
@@ -39,12 +37,10 @@ TEST_F(DaemonAddressBook, SigusrOneSavesWhatWasLoaded) {
     EXPECT_TRUE(wait_file(kGroups, groups));
     EXPECT_TRUE(wait_file("var/run/save_flg_file", "save_flag==1\nafter strcpy,parse\n"));
     EXPECT_TRUE(wait_for([&] { return !exists(path("var/run/save_flag_file")); }));
-
     // A second save writes the same (member lists come back as they were).
     ::unlink(path(kBook).c_str());
     ASSERT_EQ(::kill(daemon_->pid(), SIGUSR1), 0);
     EXPECT_TRUE(wait_file(kBook, contacts));
-    EXPECT_TRUE(daemon_->running());
 }
 
 TEST_F(DaemonAddressBook, DamagedFileLoadsWhatItCan) {
@@ -62,6 +58,18 @@ TEST_F(DaemonAddressBook, DamagedFileLoadsWhatItCan) {
 TEST_F(DaemonAddressBook, CsvImportThenExport) {
     seed_contacts("Zed^|^1^|^^|^^|^\n");
     start();
+    // A bad line or no column format imports nothing; both files are used up.
+    write_file(path("var/run/csv_frmt.dat"), "1\n2\n4\n3\n");
+    write_file(path("var/run/AddressBook.csv"), "Ann,Lee,d,555\nBob,Lee,d,\n");
+    EXPECT_EQ(ask("CSVFILE"), "");
+    EXPECT_TRUE(exists(path("var/tmp/csv_empty_err")));
+    EXPECT_EQ(file("var/run/AddressBook.csv"), "");
+    write_file(path("var/run/csv_frmt.dat"), "");
+    EXPECT_EQ(ask("CSVFILE"), "");
+    EXPECT_FALSE(exists(path("var/run/csv_frmt.dat")));
+    EXPECT_EQ(ask("get-sms total-entries phone_book^|^"), "1");
+
+    ::unlink(path("var/tmp/csv_empty_err").c_str());
     write_file(path("var/run/csv_frmt.dat"), "1\n2\n4\n3\n");
     write_file(path("var/run/AddressBook.csv"),
                "Firstname,Lastname,Description,Phone-Number\n"
@@ -70,7 +78,6 @@ TEST_F(DaemonAddressBook, CsvImportThenExport) {
     EXPECT_EQ(ask("CSVFILE"), "");
     EXPECT_EQ(ask("get-sms total-entries phone_book^|^"), "3");
     EXPECT_FALSE(exists(path("var/tmp/csv_empty_err")));
-
     const std::string exported = path("var/run/QX_Address_Book.csv");
     EXPECT_EQ(ask("CSVEXPORT"), exported);
     EXPECT_EQ(read_file(exported),
@@ -80,21 +87,6 @@ TEST_F(DaemonAddressBook, CsvImportThenExport) {
               "Zed,,,1\r\n");
     EXPECT_EQ(file("var/run/csv_export_file_location_file"), exported + "\n");
     EXPECT_NE(file("calls.log").find("create_address_book_tar"), std::string::npos);
-}
-
-TEST_F(DaemonAddressBook, CsvUploadWithABadLineOrNoFormatImportsNothing) {
-    start();
-    write_file(path("var/run/csv_frmt.dat"), "1\n2\n4\n3\n");
-    write_file(path("var/run/AddressBook.csv"), "Ann,Lee,d,555\nBob,Lee,d,\n");
-    EXPECT_EQ(ask("CSVFILE"), "");
-    EXPECT_EQ(ask("get-sms total-entries phone_book^|^"), "0");
-    EXPECT_TRUE(exists(path("var/tmp/csv_empty_err")));
-    EXPECT_EQ(file("var/run/AddressBook.csv"), "");
-
-    // An empty column format is used up as well.
-    write_file(path("var/run/csv_frmt.dat"), "");
-    EXPECT_EQ(ask("CSVFILE"), "");
-    EXPECT_FALSE(exists(path("var/run/csv_frmt.dat")));
 }
 
 }  // namespace

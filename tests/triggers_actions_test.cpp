@@ -4,8 +4,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <array>
-#include <cstring>
 #include <memory>
 #include <string>
 
@@ -14,6 +12,7 @@
 #include "common/runtime.h"
 #include "formats/job_file.h"
 #include "formats/request_file.h"
+#include "formats/txrx_datagram.h"
 #include "jobs/job_queue.h"
 #include "send/sender.h"
 #include "send/stats.h"
@@ -23,7 +22,6 @@
 namespace smsgw {
 namespace {
 
-using test::api_stat_image;
 using test::api_status_of;
 using test::exists;
 using test::i32_at;
@@ -74,7 +72,7 @@ class ActionsTest : public ::testing::Test {
     }
     // api_stat.st with a header and one pending record per id.
     void api_records(std::initializer_list<int32_t> ids) {
-        write("var/config/api_stat.st", api_stat_image(ids, 1));
+        write("var/config/api_stat.st", test::api_stat_image(ids, 1));
     }
     int api_status(int32_t id) { return api_status_of(read("var/config/api_stat.st"), id); }
     std::string reply_text() const {
@@ -83,9 +81,8 @@ class ActionsTest : public ::testing::Test {
         return r.substr(0, r.find('\0'));
     }
     std::string request_file(const std::string& name, const std::string& text) {
-        std::string path = dir / ("tmp/" + name);
-        write_file(path, encode_request_file("admin", text, "", "", ""));
-        return path;
+        write_file(dir / ("tmp/" + name), encode_request_file("admin", text, "", "", ""));
+        return dir / ("tmp/" + name);
     }
 
     TempDir dir;
@@ -123,35 +120,28 @@ TEST_F(ActionsTest, StatisticsCountTriggersAndCommands) {
     }
 }
 
-TEST_F(ActionsTest, AddressBookCommands) {
-    EXPECT_EQ(triggers->getactionobject(sms("+4999", "add:Bob;+4930")), 3);
-    EXPECT_NE(entry("Bob", "+4930"), nullptr);
-    EXPECT_EQ(triggers->getactionobject(sms("+4999", "Add")), 3);
-    EXPECT_NE(entry("+4999", "+4999"), nullptr);
-
-    EXPECT_EQ(triggers->getactionobject(sms("+4999", "Grp:Team;Eve;+4960")), 4);
-    Group* team = ab.group_find("Team");
-    ASSERT_NE(team, nullptr);
-    ASSERT_NE(team->members, nullptr);
-    EXPECT_EQ(team->members->member_entry, entry("Eve", "+4960"));
-    // A second number of Eve goes into the group as that number.
-    EXPECT_EQ(triggers->getactionobject(sms("+4999", "Grp:Team;Eve;+4961")), 4);
-    ASSERT_NE(team->members->next, nullptr);
-    EXPECT_EQ(team->members->next->member_entry, entry("Eve", "+4961"));
-
-    EXPECT_EQ(triggers->getactionobject(sms("+4999", "DelG:Team")), 2);
-    EXPECT_EQ(ab.group_find("Team"), nullptr);
-    EXPECT_NE(entry("Eve", "+4960"), nullptr);  // contacts stay
-
-    EXPECT_EQ(triggers->getactionobject(sms("+4999", "Pre:Meeting at 10")), 5);
-    EXPECT_EQ(read("var/config/preconf_sms"), rec("^|^Meeting at 10^|^[null]]|[^|^"));
-}
-
-TEST_F(ActionsTest, DeletingAContactCleansTheRuleLists) {
-    ab.ab_insert("Bob", "+4930", "");
-    ab.ab_insert("Bob", "+4931", "");
+TEST_F(ActionsTest, AddressBookCommandsAndTheFilesTheyClean) {
     write("var/config/authenticate_list", rec("^|^Bob^|^+4930^|^") + rec("^|^Zed^|^+4940^|^"));
-    EXPECT_EQ(triggers->getactionobject(sms("+4999", "Del:Bob;+4930")), 1);
+    ab.ab_insert("Carl", "+4940", "");
+    ab.ab_insert("Dora", "+4950", "");
+    ab.ab_insert("Dora", "+4951", "");
+    const std::pair<std::string, int> steps[] = {
+        {"add:Bob;+4930", 3},      {"Add:Bob;+4931", 3},      {"Add", 3},
+        {"Grp:Team;Eve;+4960", 4}, {"Grp:Team;Eve;+4961", 4}, {"Pre:Meeting at 10", 5},
+        {"Del:;+4977", 9},         {"Del:Bob;+4930", 1},      {"Del:;+4951", 9},
+    };
+    for (const auto& [text, action] : steps)
+        EXPECT_EQ(triggers->getactionobject(sms("+4999", text)), action) << text;
+    EXPECT_NE(entry("+4999", "+4999"), nullptr);
+    Group* team = ab.group_find("Team");
+    ASSERT_TRUE(team && team->members && team->members->next);
+    // A second number of Eve goes into the group as that number.
+    EXPECT_EQ(team->members->member_entry, entry("Eve", "+4960"));
+    EXPECT_EQ(team->members->next->member_entry, entry("Eve", "+4961"));
+    EXPECT_EQ(read("var/config/preconf_sms"), rec("^|^Meeting at 10^|^[null]]|[^|^"));
+    EXPECT_EQ(entry("Dora", "+4951"), nullptr);
+    EXPECT_NE(entry("Dora", "+4950"), nullptr);
+    EXPECT_EQ(read("var/run/enamefile"), "Dora^|^+4951^|^^|^\n");
     EXPECT_EQ(entry("Bob", "+4930"), nullptr);
     EXPECT_NE(entry("Bob", "+4931"), nullptr);
     EXPECT_EQ(read("var/config/authenticate_list"), rec("^|^Zed^|^+4940^|^"));
@@ -159,23 +149,15 @@ TEST_F(ActionsTest, DeletingAContactCleansTheRuleLists) {
               rec("^|^Open^|^Doors open^|^Staff]|[^|^NO^|^[null]]|[^|^") +
                   rec("^|^Ghost^|^Boo^|^Nobody]|[^|^NO^|^[null]]|[^|^") +
                   rec("^|^Alarm^|^Fire^|^Staff]|[^|^YES^|^[null]]|[^|^"));
-    // A name alone removes every number of it.
+
+    EXPECT_EQ(triggers->getactionobject(sms("+4999", "DelG:Team")), 2);
+    EXPECT_EQ(ab.group_find("Team"), nullptr);
+    EXPECT_NE(entry("Eve", "+4960"), nullptr);  // contacts stay
+    // A name alone removes every number of it; the sender's own number goes too.
     EXPECT_EQ(triggers->getactionobject(sms("+4999", "Del:bob")), 1);
     EXPECT_EQ(ab.ab_find("Bob"), nullptr);
-}
-
-TEST_F(ActionsTest, DeleteByNumber) {
-    ab.ab_insert("Carl", "+4940", "");
-    ab.ab_insert("Dora", "+4950", "");
-    ab.ab_insert("Dora", "+4951", "");
-    EXPECT_EQ(triggers->getactionobject(sms("+4940", "Del")), 9);  // the sender's own
+    EXPECT_EQ(triggers->getactionobject(sms("+4940", "Del")), 9);
     EXPECT_EQ(ab.ab_find("Carl"), nullptr);
-    EXPECT_EQ(triggers->getactionobject(sms("+4999", "Del:;+4951")), 9);
-    EXPECT_EQ(entry("Dora", "+4951"), nullptr);
-    EXPECT_NE(entry("Dora", "+4950"), nullptr);
-    EXPECT_EQ(read("var/run/enamefile"), "Dora^|^+4951^|^^|^\n");
-    EXPECT_EQ(triggers->getactionobject(sms("+4999", "Del:;+4977")), 9);  // nobody
-    EXPECT_EQ(ab.entry_count(), 1);
 }
 
 TEST_F(ActionsTest, ApiStatusLines) {
@@ -190,32 +172,21 @@ TEST_F(ActionsTest, ApiStatusLines) {
     EXPECT_EQ(read("var/config/api.conf"), "last-done=6\n");
 }
 
-TEST_F(ActionsTest, BroadcastIsSentToTheGroupMembers) {
-    staff_group();
-    EXPECT_EQ(triggers->getactionobject(sms("+4999", "open")), 0);
-    EXPECT_TRUE(link.job_outstanding());
-    std::string job = reply_text();
-    ASSERT_EQ(job.rfind(dir / "tmp/", 0), 0u) << job;
-    EXPECT_EQ(test::read_file(job), encode_job_file("Doors open", {"+4911", "+4922"}));
-    EXPECT_TRUE(exists(dir / "var/Outbox/outbox_slave_tmp"));
-    // Only the job file is left of the request.
-    EXPECT_FALSE(exists(dir / "var/run/pending_jobs"));
-
-    // A broadcast to a missing group makes no job.
-    link.job_done();
-    EXPECT_EQ(triggers->getactionobject(sms("+4999", "Ghost")), 0);
-    EXPECT_FALSE(link.job_outstanding());
-    EXPECT_EQ(reply_text(), "");
-}
-
-TEST_F(ActionsTest, BroadcastWaitsInTheQueueWhileAJobIsOutstanding) {
+TEST_F(ActionsTest, BroadcastGoesToTheMembersOrWaitsInTheQueue) {
     staff_group();
     link.job_handed_over();
     EXPECT_EQ(triggers->getactionobject(sms("+4999", "Open")), 0);
     EXPECT_EQ(triggers->action_reply(), std::string(100, '\0'));
-    const std::string body = encode_broadcast_body({"+4999", "Staff]|[", "Doors open"});
-    EXPECT_EQ(read("var/Jobs/Pending_Jobs_1"),
-              encode_job_header(static_cast<int32_t>(body.size()), 0, "ISBRDTRIG") + body);
+    // An api broadcast waits with its user.
+    EXPECT_EQ(triggers->api_ProcessTrigs("send-sms api2 " + request_file("req-42", "Open")), 1);
+    const std::string sms_body = encode_broadcast_body({"+4999", "Staff]|[", "Doors open"});
+    const std::string api_body = encode_broadcast_body({"0", "Staff]|[", "Doors open"});
+    EXPECT_EQ(
+        read("var/Jobs/Pending_Jobs_1"),
+        encode_job_header(static_cast<int32_t>(sms_body.size()), 0, "ISBRDTRIG") + sms_body +
+            encode_job_header(static_cast<int32_t>(api_body.size()),
+                              static_cast<int32_t>(sms_body.size()) + 108, "ISBRDTRIGapi42-admin") +
+            api_body);
     EXPECT_FALSE(exists(dir / "var/run/pending_jobs"));
 
     // The scheduler feeds it back once txrx is done, and txrx gets the job.
@@ -226,81 +197,68 @@ TEST_F(ActionsTest, BroadcastWaitsInTheQueueWhileAJobIsOutstanding) {
     EXPECT_TRUE(link.job_outstanding());
     auto datagram = txrx.receive();
     ASSERT_TRUE(datagram);
-    ASSERT_EQ(datagram->size(), 100u);
-    std::string path(datagram->c_str());
-    EXPECT_EQ(path, reply_text());
-    EXPECT_EQ(decode_job_file(test::read_file(path))->text(), "Doors open");
+    EXPECT_EQ(*datagram, encode_job_handoff(reply_text(), false));
+    EXPECT_EQ(test::read_file(reply_text()), encode_job_file("Doors open", {"+4911", "+4922"}));
+    EXPECT_TRUE(exists(dir / "var/Outbox/outbox_slave_tmp"));
+
+    // A broadcast to a missing group makes no job.
+    link.job_done();
+    EXPECT_EQ(triggers->getactionobject(sms("+4999", "Ghost")), 0);
+    EXPECT_FALSE(link.job_outstanding());
+    EXPECT_EQ(reply_text(), "");
 }
 
-TEST_F(ActionsTest, ApiCommandTriggers) {
+TEST_F(ActionsTest, ApiTriggerRequests) {
     for (const char* other :
          {"send-sms api4 /tmp/x", "send-sms api /tmp/x-1", "send-sms /tmp/x", "send-sms"})
         EXPECT_EQ(triggers->api_ProcessTrigs(other), 0) << other;
-    api_records({6, 7});
-    std::string path = request_file("req-6", "Add:Fred;+4970");
-    EXPECT_EQ(triggers->api_ProcessTrigs("send-sms api3 " + path + "\r\n"), 1);
-    EXPECT_NE(entry("Fred", "+4970"), nullptr);
-    EXPECT_EQ(api_status(6), 0);
-    EXPECT_FALSE(exists(path));
-    // A broadcast is not a command: refused with 610.
-    path = request_file("req-7", "Open");
-    EXPECT_EQ(triggers->api_ProcessTrigs("send-sms api3 " + path), 1);
-    EXPECT_EQ(api_status(7), 610);
-    EXPECT_FALSE(exists(path));
-}
-
-TEST_F(ActionsTest, ApiBroadcastTriggerGoesToTxrx) {
     staff_group();
-    api_records({6, 7});
+    api_records({6, 7, 8, 9, 10});
     UdpListener txrx(rt.ports.txrx_out());
     ASSERT_TRUE(txrx.ok());
-    std::string path = request_file("req-6", "Add:Fred;+4970");
-    EXPECT_EQ(triggers->api_ProcessTrigs("send-sms api2 " + path), 1);
-    EXPECT_EQ(api_status(6), 611);
-    EXPECT_EQ(entry("Fred", "+4970"), nullptr);
+    // A command through api3, a broadcast through api2; each kind refuses the other.
+    struct Case {
+        std::string request, text;
+        int id, status;
+    } cases[] = {
+        {"api3", "Add:Fred;+4970", 6, 0},
+        {"api3", "Open", 7, 610},
+        {"api2", "Add:Gus;+4971", 8, 611},
+    };
+    for (const auto& c : cases) {
+        std::string path = request_file("req-" + std::to_string(c.id), c.text);
+        EXPECT_EQ(triggers->api_ProcessTrigs("send-sms " + c.request + " " + path), 1);
+        EXPECT_EQ(api_status(c.id), c.status) << c.text;
+        EXPECT_FALSE(exists(path));
+    }
+    EXPECT_NE(entry("Fred", "+4970"), nullptr);
+    EXPECT_EQ(ab.ab_find("Gus"), nullptr);
     EXPECT_FALSE(txrx.receive(300ms));
 
-    path = request_file("req-7", "Open");
+    std::string path = request_file("req-9", "Open");
     EXPECT_EQ(triggers->api_ProcessTrigs("send-sms api2 " + path), 1);
     auto datagram = txrx.receive();
     ASSERT_TRUE(datagram);
-    ASSERT_EQ(datagram->back(), '\0');
-    std::string text = datagram->substr(0, datagram->size() - 1);
-    ASSERT_EQ(text.rfind("api " + (dir / "tmp/"), 0), 0u) << text;
-    EXPECT_EQ(text.substr(text.size() - 2), "-7");
-    EXPECT_EQ(decode_job_file(test::read_file(text.substr(4)))->text(), "Doors open");
+    std::string job = reply_text().substr(4);
+    EXPECT_EQ(*datagram, encode_job_handoff(job, true));
+    EXPECT_EQ(job.substr(job.size() - 2), "-9");
+    EXPECT_EQ(decode_job_file(test::read_file(job))->text(), "Doors open");
     EXPECT_TRUE(link.job_outstanding());
-    EXPECT_EQ(api_status(7), kApiTaken);
+    EXPECT_EQ(api_status(9), kApiTaken);
     EXPECT_FALSE(exists(path));
-}
 
-TEST_F(ActionsTest, ApiBroadcastTriggerIsQueuedWithItsUser) {
-    staff_group();
-    link.job_handed_over();
-    std::string path = request_file("req-42", "Open");
-    EXPECT_EQ(triggers->api_ProcessTrigs("send-sms api2 " + path), 1);
-    const std::string body = encode_broadcast_body({"0", "Staff]|[", "Doors open"});
-    EXPECT_EQ(
-        read("var/Jobs/Pending_Jobs_1"),
-        encode_job_header(static_cast<int32_t>(body.size()), 0, "ISBRDTRIGapi42-admin") + body);
-}
-
-TEST_F(ActionsTest, RefusedRequestFilesAreLeftAlone) {
-    api_records({1});
-    std::string outside = dir / "elsewhere/req-1";
+    // Request files outside the spool, behind links or missing are left alone.
+    std::string outside = dir / "elsewhere/req-10";
     write_file(outside, encode_request_file("admin", "Add:Mal;+4966", "", "", ""));
-    std::string link_path = dir / "tmp/req-1";
+    std::string link_path = dir / "tmp/req-10";
     ASSERT_EQ(::symlink(outside.c_str(), link_path.c_str()), 0);
-    const std::string refused[] = {outside, link_path, dir / "tmp/../elsewhere/req-1", "tmp/req-1",
-                                   dir / "tmp/missing-1"};
-    for (const auto& p : refused) {
-        SCOPED_TRACE(p);
-        EXPECT_EQ(triggers->api_ProcessTrigs("send-sms api3 " + p), 1);
-    }
+    for (const std::string& p : {outside, link_path, dir / "tmp/../elsewhere/req-10",
+                                 std::string("tmp/req-10"), dir / "tmp/missing-10"})
+        EXPECT_EQ(triggers->api_ProcessTrigs("send-sms api3 " + p), 1) << p;
     EXPECT_TRUE(exists(outside));
     EXPECT_TRUE(exists(link_path));
     EXPECT_EQ(ab.ab_find("Mal"), nullptr);
-    EXPECT_EQ(api_status(1), 1);
+    EXPECT_EQ(api_status(10), 1);
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 
 #include <optional>
 #include <string>
+#include <tuple>
 
 #include "common/runtime.h"
 #include "formats/inbox_record.h"
@@ -33,21 +34,24 @@ TEST(DateArgument, BuiltFromTheStampsAsTheyStand) {
     for (const auto& [date, time] : bad) EXPECT_FALSE(date_argument(date, time)) << date << time;
 }
 
-class InboxTest : public ::testing::Test {
+// A sandbox whose date program records its arguments, one per line.
+class TimeTest : public ::testing::Test {
   protected:
+    void SetUp() override {
+        test::write_file(dir / "bin/date",
+                         "#!/bin/sh\nfor a in \"$@\"; do echo \"$a\"; done >> \"" + log() + "\"\n");
+        ::chmod((dir / "bin/date").c_str(), 0755);
+    }
     std::string inbox() const { return dir / "var/Inbox/smsinbox.dat"; }
-    void write_inbox(const std::string& content) { test::write_file(inbox(), content); }
+    std::string log() const { return dir / "date.log"; }
 
     TempDir dir;
+    Runtime rt{dir.path(), 0};
 };
 
-TEST_F(InboxTest, FirstLoopBackRecordInFileOrderSetsTheDate) {
+TEST_F(TimeTest, FirstLoopBackRecordInFileOrderSetsTheDate) {
     const std::string good = loop_back("24/03/01", "12:05:09+04");
-    struct Case {
-        std::string inbox;
-        bool found;
-        std::optional<std::string> date;
-    } cases[] = {
+    const std::tuple<std::string, bool, std::optional<std::string>> cases[] = {
         {encode_inbox_record("+4911", "24/01/01", "01:01:01+00", "hello") + test::i32_bytes(4) +
              "none" + good + loop_back("25/04/02", "13:06:10+04"),
          true, "030112052024.09"},
@@ -55,39 +59,25 @@ TEST_F(InboxTest, FirstLoopBackRecordInFileOrderSetsTheDate) {
         {test::i32_bytes(0) + good, false, std::nullopt},  // a damaged length ends the reading
         {"", false, std::nullopt},
     };
-    for (const auto& c : cases) {
-        write_inbox(c.inbox);
+    for (const auto& [content, found, date] : cases) {
+        test::write_file(inbox(), content);
         LoopBackTime t = read_loop_back_time(inbox());
         EXPECT_TRUE(t.opened);
-        EXPECT_EQ(t.found, c.found);
-        EXPECT_EQ(t.date, c.date);
+        EXPECT_EQ(t.found, found);
+        EXPECT_EQ(t.date, date);
     }
     EXPECT_FALSE(read_loop_back_time(dir / "missing").opened);
 }
 
-// A date program that records its arguments, one per line.
-class DateProgramTest : public InboxTest {
-  protected:
-    void SetUp() override {
-        test::write_file(dir / "bin/date",
-                         "#!/bin/sh\nfor a in \"$@\"; do echo \"$a\"; done >> \"" + log() + "\"\n");
-        ::chmod((dir / "bin/date").c_str(), 0755);
-    }
-    std::string log() const { return dir / "date.log"; }
-
-    Runtime rt{dir.path(), 0};
-};
-
-TEST_F(DateProgramTest, RunsDateWithOneArgumentOnlyForAGoodRecord) {
+TEST_F(TimeTest, RunsDateWithOneArgumentOnlyForAGoodRecord) {
     EXPECT_FALSE(set_time_from_loop_back(rt));  // no inbox
-    write_inbox(loop_back("24/03/01", "12:05:09;touch " + dir.path() + "/x"));
+    test::write_file(inbox(), loop_back("24/03/01", "12:05:09;touch " + dir.path() + "/x"));
     EXPECT_FALSE(set_time_from_loop_back(rt));
-    write_inbox(encode_inbox_record("+4911", "24/03/01", "12:05:09+04", "just a text"));
+    test::write_file(inbox(), encode_inbox_record("+4911", "24/03/01", "12:05:09+04", "text"));
     EXPECT_FALSE(set_time_from_loop_back(rt));
     EXPECT_FALSE(test::exists(log()));
     EXPECT_FALSE(test::exists(dir / "x"));
-
-    write_inbox(loop_back("24/03/01", "12:05:09+04"));
+    test::write_file(inbox(), loop_back("24/03/01", "12:05:09+04"));
     EXPECT_TRUE(set_time_from_loop_back(rt));
     EXPECT_EQ(test::read_file(log()), "030112052024.09\n");
 }

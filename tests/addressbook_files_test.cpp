@@ -79,17 +79,6 @@ TEST_F(Files, SaveWritesEachEntryWithItsGroupPositions) {
     EXPECT_EQ(test::tree_below(rt.path("/var/AddressBook")),
               (std::set<std::string>{"Address_Book", "groups"}));
 
-    // Load it back: the directory is emptied, a second save writes the same.
-    test::write_file(rt.path("/var/run/init_address_book"), "");
-    test::write_file(rt.path("/var/AddressBook/leftover"), "x");
-    AddressBook loaded(reply);
-    ab_load(loaded, rt);
-    EXPECT_TRUE(test::tree_below(rt.path("/var/AddressBook")).empty());
-    EXPECT_FALSE(test::exists(rt.path("/var/run/init_address_book")));
-    EXPECT_EQ(book_entries(loaded), (V{"Ann Lee|555123|office", "Bob|777|", "carl|1|two\nlines"}));
-    ASSERT_TRUE(ab_save(loaded, rt));
-    EXPECT_EQ(test::read_file(book) + test::read_file(groups), contacts + "a\nb\nc\n");
-
     // No contacts: an empty contact file; no groups: the groups file stays.
     AddressBook empty(reply);
     ASSERT_TRUE(ab_save(empty, rt));
@@ -152,7 +141,6 @@ TEST_F(Files, LoadKeepsTheGroupsFileOrderAndItsFirstFifty) {
 TEST_F(Files, LoadTakesWhatALineHoldsAndSkipsTheRest) {
     const std::string tail_with_separators = std::string(520, 'x') + "Evil^|^666^|^^|^^|^\n";
     const std::pair<std::string, V> cases[] = {
-        {"NoSeparators\n", {}},
         {"Name only^|^\n", {}},
         {"^|^123^|^empty name^|^^|^\n", {}},
         {"Bob^|^777^|^^|^^|^\n", {"Bob|777|"}},
@@ -166,7 +154,6 @@ TEST_F(Files, LoadTakesWhatALineHoldsAndSkipsTheRest) {
              "^|^^|^\n",
          {std::string(51, 'a') + "|" + std::string(51, '5') + "|" + std::string(200, 'd')}},
         {"D^|^1^|^" + std::string(10000, 'd') + "^|^1,^|^\n", {"D|1|" + std::string(200, 'd')}},
-        {std::string(10000, 'z') + "\n", {}},
         {std::string("Nul^|^1^|^a\0b^|^^|^\n", 20), {"Nul|1|a"}},  // a NUL ends its line
         {std::string("Nul^|^1\0^|^x^|^^|^\n", 19), {}},
         {"Open^|^5^|^never closed\nmore", {"Open|5|never closed\nmore"}},

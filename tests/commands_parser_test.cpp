@@ -28,13 +28,6 @@ const std::string kInvalid = "Invalid String to Parse";
 // Stands for the path of the response file in the expectations.
 const std::string kRF = "<RESPONSE_FILE>";
 
-std::string ctrl_file() {
-    std::string out;
-    for (auto code : {"ADDENTRY", "ADDGROUP", "ADDPRECONFSMS", "DELENTRY", "DELGROUP"})
-        out += rec(std::string("^|^kw") + code + "^|^" + code + "^|^NO^|^");
-    return out;
-}
-
 // A temporary root prepared once; a World resets its files.
 struct Sandbox {
     Sandbox() {
@@ -51,17 +44,19 @@ struct Sandbox {
 struct World {
     explicit World(const Sandbox& box)
         : dir(box.dir), rt(dir.path(), test::random_port_offset()), ab(rt.reply_buffer), rules(rt) {
-        const std::pair<const char*, std::string> files[] = {
-            {"/var/config/trigger_broadcast", ""},
-            {"/var/config/preconf_sms", ""},
-            {"/var/config/authenticate_list", ""},
-            {"/var/config/trigger_ctrl", ctrl_file()},
-            {"/var/config/international_dialing", "int-dialing=enable\nmax-digits=12\n"},
-        };
         // Replaced rather than truncated: cheaper, and nothing old survives.
-        for (const auto& f : files) {
-            ::unlink(rt.path(f.first).c_str());
-            test::write_file(rt.path(f.first), f.second);
+        std::string ctrl;
+        for (auto code : {"ADDENTRY", "ADDGROUP", "ADDPRECONFSMS", "DELENTRY", "DELGROUP"})
+            ctrl += rec(std::string("^|^kw") + code + "^|^" + code + "^|^NO^|^");
+        const std::pair<const char*, std::string> files[] = {
+            {"trigger_ctrl", ctrl},
+            {"international_dialing", "int-dialing=enable\nmax-digits=12\n"},
+            {"trigger_broadcast", ""},
+            {"preconf_sms", ""},
+            {"authenticate_list", ""}};
+        for (const auto& [name, bytes] : files) {
+            ::unlink(rt.path(std::string("/var/config/") + name).c_str());
+            test::write_file(rt.path(std::string("/var/config/") + name), bytes);
         }
         for (auto gone :
              {"/var/config/http_server_conf", "/var/config/modem_conf", "/var/run/RESPONSE_FILE",

@@ -1,19 +1,23 @@
 // The real smsgwd sending: a direct request becomes one job with each
 // recipient once; requests made while a job is outstanding are queued,
-// counted and handed over one at a time in order, also across a kill -9
-// and restart.
+// counted and handed over one at a time in order, while other clients'
+// commands get their own replies, also across a kill -9 and restart.
 #include <signal.h>
 #include <sys/stat.h>
 
+#include <atomic>
+#include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "formats/request_file.h"
-#include "send/sender.h"
 #include "support/test_support.h"
 
 namespace smsgw::test {
 namespace {
+
+using namespace std::chrono_literals;
 
 class DaemonSend : public DaemonFixture {
   protected:
@@ -23,10 +27,13 @@ class DaemonSend : public DaemonFixture {
             "Carl^|^111^|^^|^1,^|^\nDora^|^444^|^^|^1,^|^\n",
             "Friends\n");
     }
-    std::string send(const std::string& name, const std::string& numbers,
-                     const std::string& names = "", const std::string& groups = "") {
-        return ask("send-sms " + spool_file(name, encode_request_file("admin", "text " + name,
-                                                                      numbers, names, groups)));
+    std::string request_line(const std::string& name, const std::string& numbers,
+                             const std::string& names = "", const std::string& groups = "") {
+        return "send-sms " + spool_file(name, encode_request_file("admin", "text " + name, numbers,
+                                                                  names, groups));
+    }
+    std::string send(const std::string& name, const std::string& numbers) {
+        return ask(request_line(name, numbers));
     }
     // The recipient lists of the jobs txrx-sim has logged, in order.
     std::vector<std::string> recipients() const {
@@ -45,7 +52,9 @@ class DaemonSend : public DaemonFixture {
 
 TEST_F(DaemonSend, DirectSendIsOneJobWithEachRecipientOnce) {
     start();
-    EXPECT_EQ(send("direct", "555^|^111^|^", "0^|^alice^|^777^|^Someone^|^", "Friends^|^"), "");
+    EXPECT_EQ(
+        ask(request_line("direct", "555^|^111^|^", "0^|^alice^|^777^|^Someone^|^", "Friends^|^")),
+        "");
     ASSERT_TRUE(wait_jobs(1)) << daemon_log();
     EXPECT_EQ(recipients(), std::vector<std::string>{"111,222,333,444,555,777"});
     EXPECT_NE(jobs()[0].find(" api=0 text=text direct to="), std::string::npos) << jobs()[0];
@@ -55,25 +64,56 @@ TEST_F(DaemonSend, DirectSendIsOneJobWithEachRecipientOnce) {
 TEST_F(DaemonSend, RequestsWhileAJobIsOutstandingAreQueuedCountedAndSentInOrder) {
     set_env("SMSGW_SIM_SILENT", "1");  // only the test reports jobs done
     start();
-    EXPECT_EQ(send("a", "1001^|^"), "");  // handed over: an empty reply
+    EXPECT_EQ(send("a", "1000^|^"), "");  // handed over: an empty reply
     ASSERT_TRUE(wait_jobs(1));
     EXPECT_EQ(job_stats(), "0\n0\n1");
-    for (const char* n : {"1002", "1003"}) EXPECT_EQ(send(n, std::string(n) + "^|^"), "OK");
-    EXPECT_EQ(job_stats(), "2\n0\n1");  // each queued request counted
-    EXPECT_EQ(jobs().size(), 1u);       // nothing moves while the job is outstanding
+    // Meanwhile other clients ask things only their own question answers.
+    // The daemon reads a request's text right after its length and replies
+    // to the sender of the datagram read last, so each pair goes out whole.
+    std::mutex pair_lock;
+    std::atomic<int> bad{0};
+    auto ask_from = [&](UdpClient& c, const std::string& text) {
+        {
+            std::lock_guard<std::mutex> lock(pair_lock);
+            c.send_to(20205 + offset_, std::to_string(text.size()));
+            c.send_to(20205 + offset_, text);
+        }
+        return c.receive(10s);
+    };
+    std::vector<std::thread> clients;
+    for (const auto& [q, a] : {std::pair{"get-sms total-entries phone_book^|^", "5"},
+                               {"get-sms total-entries groups^|^", "1"},
+                               {"get-sms phone_book", "Invalid String to Parse"}}) {
+        clients.emplace_back([&, q = q, a = a] {
+            UdpClient c;
+            for (int i = 0; i < 300; ++i) bad += ask_from(c, q) != std::optional<std::string>(a);
+        });
+    }
+    UdpClient c;
+    std::vector<std::string> expect{"1000"};
+    for (int i = 1; i <= 20; ++i) {
+        expect.push_back(std::to_string(1000 + i));
+        EXPECT_EQ(ask_from(c, request_line(expect.back(), expect.back() + "^|^")),
+                  std::optional<std::string>("OK"));
+    }
+    for (auto& t : clients) t.join();
+    EXPECT_EQ(bad, 0) << "replies missing or meant for another client";
+    EXPECT_EQ(job_stats(), "20\n0\n1");  // each queued request counted
+    EXPECT_EQ(jobs().size(), 1u);        // nothing moves while the job is outstanding
 
     // SIGUSR2 resets the counter: the next queued request counts from 0.
     ::kill(daemon_->pid(), SIGUSR2);
     settle();
-    EXPECT_EQ(send("1004", "1004^|^"), "OK");
+    expect.push_back("1021");
+    EXPECT_EQ(send("1021", "1021^|^"), "OK");
     EXPECT_EQ(job_stats(), "1\n0\n1");
 
     // The report may carry more after its tag.
-    for (size_t done = 1; done < 4; ++done) {
+    for (size_t done = 1; done < expect.size(); ++done) {
         report_done(done == 1 ? "P_JB and anything after" : "P_JB");
         ASSERT_TRUE(wait_jobs(done + 1)) << daemon_log();
     }
-    EXPECT_EQ(recipients(), (std::vector<std::string>{"1001", "1002", "1003", "1004"}));
+    EXPECT_EQ(recipients(), expect);
 }
 
 TEST_F(DaemonSend, QueueSurvivesAKillAndRestart) {

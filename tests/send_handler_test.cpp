@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <cstring>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -37,11 +36,6 @@ std::string head(const std::string& sender, const std::string& text) {
 std::vector<std::string> job_numbers(const PreparedJob& job) {
     auto decoded = decode_job_file(test::read_file(job.job_path));
     return decoded ? decoded->numbers : std::vector<std::string>{"<no job>"};
-}
-
-std::string outbox_record(const std::string& recipients, int slave, int id, const std::string& text,
-                          const std::string& sender) {
-    return encode_outbox_record({recipients, slave, id, text, sender});
 }
 
 struct SendTest : ::testing::Test {
@@ -105,7 +99,8 @@ TEST_F(SendTest, SectionsBecomeJobRecordsAndOutboxItems) {
         EXPECT_EQ(test::read_file(job.job_path).substr(0, 160),
                   std::string("Hello there") + std::string(149, '\0'));
         EXPECT_EQ(job_numbers(job), c.expect_numbers);
-        EXPECT_EQ(slave_outbox(), outbox_record(c.expect_items, 1, 0, "Hello there", "admin"));
+        EXPECT_EQ(slave_outbox(),
+                  encode_outbox_record({c.expect_items, 1, 0, "Hello there", "admin"}));
         EXPECT_EQ(sender.recipients().recipient_count(), 0);
         EXPECT_FALSE(test::exists(dir / "var/run/send_test_file"));
     }
@@ -151,7 +146,7 @@ TEST_F(SendTest, ApiRequestTakesItsIdFromTheFileName) {
     std::string stat = test::read_file(dir / "var/config/api_stat.st");
     ASSERT_EQ(stat.size(), 124u);
     EXPECT_EQ(test::api_status_of(stat, 42), kApiTaken);
-    EXPECT_EQ(slave_outbox(), outbox_record(",5", 1, 42, "x", "api-user"));
+    EXPECT_EQ(slave_outbox(), encode_outbox_record({",5", 1, 42, "x", "api-user"}));
 }
 
 TEST_F(SendTest, DatabaseNoticeCarriesTheOutboxPath) {
@@ -167,18 +162,14 @@ TEST_F(SendTest, DatabaseNoticeCarriesTheOutboxPath) {
     EXPECT_EQ(buf[n - 1], '\0');
     std::string notice(buf);
     ASSERT_EQ(notice.rfind("add " + dir / "var/tmp/", 0), 0u) << notice;
-    EXPECT_EQ(test::read_file(notice.substr(4)), outbox_record(",77", 0, 0, "msg", "me"));
+    EXPECT_EQ(test::read_file(notice.substr(4)), encode_outbox_record({",77", 0, 0, "msg", "me"}));
 
     // Without the database writer the record is not left behind.
     rt.sql_sms_fd = -1;
     path = request("n", encode_request_file("me", "msg", "78^|^", "", ""));
     sender.send_sms_handler("send-sms " + path, 0);
-    size_t records = 0;
-    for (const auto& e : std::filesystem::directory_iterator(dir / "var/tmp")) {
-        (void)e;
-        ++records;
-    }
-    EXPECT_EQ(records, 1u);
+    auto files = std::filesystem::directory_iterator(dir / "var/tmp");
+    EXPECT_EQ(std::distance(begin(files), end(files)), 1);
 }
 
 TEST_F(SendTest, RequestFilePolicy) {
@@ -190,8 +181,10 @@ TEST_F(SendTest, RequestFilePolicy) {
     std::string dirlink = dir / "tmp/d";
     ASSERT_EQ(::symlink((dir / "etc").c_str(), dirlink.c_str()), 0);
     ::mkdir((dir / "tmp/sub").c_str(), 0755);
-    std::string longname = dir / "tmp/" + std::string(88, 'x');
-    longname = longname.substr(0, 88);
+    // Paths up to 87 bytes are read.
+    std::string at_limit = (dir / "tmp/" + std::string(87, 'x')).substr(0, 87);
+    test::write_file(at_limit, "");
+    test::write_file(at_limit + "y", "");
 
     struct Case {
         std::string path;
@@ -206,7 +199,9 @@ TEST_F(SendTest, RequestFilePolicy) {
         {"tmp/ok", false},
         {dir / "tmp/sub", false},
         {dir / "tmp/missing", false},
-        {longname, false},
+        {at_limit, true},
+        {at_limit + "y", false},
+        {dir / "tmp", false},
         {std::string(dir / "tmp/ok") + std::string(1, '\0'), false},
     };
     for (const auto& c : cases) {
@@ -309,15 +304,19 @@ TEST(SendText, TimeStampAndDashNumber) {
     std::tm tm{};
     tm.tm_year = 109, tm.tm_mon = 2, tm.tm_mday = 7, tm.tm_hour = 8, tm.tm_min = 5, tm.tm_sec = 1;
     EXPECT_EQ(format_time_stamp(tm), "09/03/07^|^08:05:01");
-    tm = {};
     tm.tm_year = 125, tm.tm_mon = 11, tm.tm_mday = 31, tm.tm_hour = 23, tm.tm_min = 59;
     tm.tm_sec = 10;
     EXPECT_EQ(format_time_stamp(tm), "25/12/31^|^23:59:10");
-
-    EXPECT_EQ(last_dash_number("/tmp/req-42"), 42);
-    EXPECT_EQ(last_dash_number("/tmp/a-1-17"), 17);
-    EXPECT_EQ(last_dash_number("/tmp/none"), 0);
-    EXPECT_EQ(last_dash_number("/tmp/x-99999999999"), 2147483647);
+    const std::pair<std::string, int> names[] = {
+        {"/tmp/req-42", 42},
+        {"/tmp/a-1-17", 17},
+        {"/tmp/none", 0},
+        {"/tmp/x-99999999999", 2147483647},
+        // Only the first 127 bytes of the name are looked at.
+        {std::string(125, 'a') + "-56", 5},
+        {std::string(126, 'a') + "-5", 0},
+    };
+    for (const auto& [name, id] : names) EXPECT_EQ(last_dash_number(name), id) << name;
 }
 
 }  // namespace

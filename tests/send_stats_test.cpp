@@ -1,7 +1,6 @@
 // Statistics files: the job counters text, the SMS counters, and which API
 // status record an update lands in.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <string>
 
@@ -46,12 +45,11 @@ TEST_F(StatsTest, JobCountersRewriteTheirFileOnEveryReportedChange) {
     }
     // A file changed (to the same size) or removed behind the counters'
     // back is rewritten.
-    test::write_file(path, "9\n9\n9");
-    counters.queue_drained();
-    EXPECT_EQ(test::read_file(path), "0\n1\n3");
-    ::unlink(path.c_str());
-    counters.queue_drained();
-    EXPECT_EQ(test::read_file(path), "0\n1\n3");
+    for (bool removed : {false, true}) {
+        removed ? remove_file(path) : test::write_file(path, "9\n9\n9");
+        counters.queue_drained();
+        EXPECT_EQ(test::read_file(path), "0\n1\n3");
+    }
 }
 
 TEST_F(StatsTest, SmsCountersAreAddressedByOffset) {
@@ -66,33 +64,31 @@ TEST_F(StatsTest, SmsCountersAreAddressedByOffset) {
     EXPECT_EQ(test::i32_at(s, 16), 1);
 }
 
-TEST_F(StatsTest, ApiStatusLandsInTheRecordItsIdSelects) {
+TEST_F(StatsTest, ApiStatusLandsInTheRecordItsIdSelectsNeverPastAGap) {
     struct Case {
+        std::initializer_list<int32_t> ids;
         int id;
-        size_t record;
+        int record;  // -1: refused, the file unchanged
     };
     // The first record's id decides; ids older than it overwrite the second.
-    const Case cases[] = {{12, 2}, {10, 0}, {11, 1}, {5, 1}};
+    const Case cases[] = {
+        {{10, 11, 12}, 12, 2},      {{10, 11, 12}, 10, 0}, {{10, 11, 12}, 11, 1},
+        {{10, 11, 12}, 5, 1},       {{10, 11}, 12, 2},     {{10, 11}, 13, -1},
+        {{10, 11}, 2000000000, -1}, {{}, 1, -1},
+    };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.id);
-        api_records({10, 11, 12});
-        EXPECT_EQ(set_api_status(rt, c.id, 7), 1);
+        api_records(c.ids);
+        const std::string before = api();
+        EXPECT_EQ(set_api_status(rt, c.id, 7), c.record >= 0 ? 1 : 0);
+        if (c.record < 0) {
+            EXPECT_EQ(api(), before);
+            continue;
+        }
         EXPECT_EQ(api().size(), 184u);
-        EXPECT_EQ(id_at(c.record), c.id);
-        EXPECT_EQ(status_at(c.record), 7);
+        EXPECT_EQ(id_at(static_cast<size_t>(c.record)), c.id);
+        EXPECT_EQ(status_at(static_cast<size_t>(c.record)), 7);
     }
-}
-
-TEST_F(StatsTest, ApiStatusNeverLeavesAGap) {
-    api_records({10, 11});
-    EXPECT_EQ(set_api_status(rt, 12, 2), 1);  // right after the last record
-    EXPECT_EQ(api().size(), 184u);
-    EXPECT_EQ(set_api_status(rt, 2000000000, 2), 0);
-    EXPECT_EQ(set_api_status(rt, 14, 2), 0);
-    EXPECT_EQ(api().size(), 184u);
-
-    api_records({});
-    EXPECT_EQ(set_api_status(rt, 1, 2), 0);
     remove_file(dir / "var/config/api_stat.st");
     EXPECT_EQ(set_api_status(rt, 1, 2), 0);
 }

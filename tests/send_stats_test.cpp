@@ -46,7 +46,8 @@ TEST_F(StatsTest, JobCountersRewriteTheirFileOnEveryReportedChange) {
     // A file changed (to the same size) or removed behind the counters'
     // back is rewritten.
     for (bool removed : {false, true}) {
-        removed ? remove_file(path) : test::write_file(path, "9\n9\n9");
+        test::write_file(path, "9\n9\n9");
+        if (removed) remove_file(path);
         counters.queue_drained();
         EXPECT_EQ(test::read_file(path), "0\n1\n3");
     }

@@ -4,10 +4,9 @@
 #include <sys/time.h>
 
 #include <algorithm>
-#include <cctype>
 #include <map>
+#include <regex>
 
-#include "formats/signal_quality.h"
 #include "formats/sms_pdu.h"
 #include "support/modem_support.h"
 
@@ -20,9 +19,8 @@ class TxrxModem : public ::testing::Test {
   protected:
     void SetUp() override {
         ASSERT_TRUE(reports_.ok());
-        make_dirs("tmp");
+        write_file(root_ / "tmp/.keep", "");
     }
-    void make_dirs(const std::string& rel) { write_file(root_ / (rel + "/.keep"), ""); }
     // Starts txrx for ttyN with its emulated modem; waits until it is ready.
     SimModem& modem(int n, std::vector<std::string> options = fast_txrx_options()) {
         std::string tty = "ttyS" + std::to_string(n);
@@ -85,10 +83,7 @@ TEST_F(TxrxModem, SendsEveryRecipientOnceAndReportsTheJobOnce) {
     EXPECT_TRUE(exists(root_ / "elsewhere"));
     EXPECT_EQ(sim.lines("SUBMIT").size(), 2u);
 
-    auto q = decode_signal_quality(read_file(root_ / "var/run/txrx_signal.ttyS0"));
-    ASSERT_TRUE(q);
-    EXPECT_EQ(q->device, "/dev/ttyS0");
-    EXPECT_EQ(q->rssi, 23);
+    EXPECT_EQ(read_file(root_ / "var/run/txrx_signal.ttyS0").rfind("/dev/ttyS0 23 ", 0), 0u);
 }
 
 TEST_F(TxrxModem, ErrorsAreRetriedAndASilentModemIsStartedAgain) {
@@ -140,18 +135,14 @@ TEST_F(TxrxModem, IncomingMessagesAreReassembledReportedWrittenThenDeleted) {
     EXPECT_EQ(got[0], "SMS:" + sender + zhe.substr(0, 156));
     EXPECT_EQ(got[1].substr(54), std::string(156, 'b'));
 
+    // Each record: its length, then sender^|^yy/MM/dd^|^hh:mm:ss+00^|^text.
     std::string inbox = read_file(root_ / "var/Inbox/smsinbox.dat");
-    std::string first = "+4917^|^";
-    ASSERT_GE(inbox.size(), 4 + first.size());
-    EXPECT_EQ(i32_at(inbox, 0), static_cast<int32_t>(first.size() + 25 + zhe.size()));
-    EXPECT_EQ(inbox.substr(4, first.size()), first);
-    // yy/MM/dd^|^hh:mm:ss+00: digits and separators where they belong.
-    std::string stamp = inbox.substr(4 + first.size(), 22);
-    for (size_t i = 0; i < stamp.size(); ++i)
-        EXPECT_EQ(std::isdigit(static_cast<unsigned char>(stamp[i])) != 0,
-                  std::string("dd/dd/dd^|^dd:dd:dd+dd").at(i) == 'd')
-            << stamp;
-    EXPECT_NE(inbox.find("+00^|^" + zhe), std::string::npos);
+    ASSERT_GE(inbox.size(), 4u);
+    EXPECT_EQ(i32_at(inbox, 0), static_cast<int32_t>(8 + 25 + zhe.size()));
+    EXPECT_TRUE(std::regex_search(
+        inbox.substr(4),
+        std::regex(R"(^\+4917\^\|\^\d\d/\d\d/\d\d\^\|\^\d\d:\d\d:\d\d\+00\^\|\^)" + zhe)))
+        << inbox;
     EXPECT_NE(inbox.find("Bank1^|^"), std::string::npos);
     EXPECT_NE(inbox.find(std::string(170, 'b')), std::string::npos);
     EXPECT_EQ(read_file(root_ / "var/Inbox/undecodable"),

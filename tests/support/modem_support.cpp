@@ -13,21 +13,11 @@
 
 namespace smsgw::test {
 
-namespace {
-
-std::vector<std::string> launch(const char* program) {
-    std::vector<std::string> argv = exec_prefix();
-    argv.emplace_back(program);
-    return argv;
-}
-
-}  // namespace
-
 SimModem::SimModem(const std::string& root, const std::string& tty)
     : log_(root + "/var/run/modem-sim." + tty + ".log"),
       control_(root + "/var/run/modem-sim." + tty + ".ctl") {
-    std::vector<std::string> argv = launch(MODEM_SIM_PATH);
-    argv.insert(argv.end(), {"--root", root, "--tty", tty});
+    std::vector<std::string> argv = exec_prefix();
+    argv.insert(argv.end(), {MODEM_SIM_PATH, "--root", root, "--tty", tty});
     child_ = std::make_unique<Child>(argv, root + "/modem-sim." + tty + ".out");
     wait_for([&] { return !lines("START").empty() && exists(control_); });
 }
@@ -68,7 +58,8 @@ std::vector<std::string> fast_txrx_options() {
 
 std::unique_ptr<Child> start_txrx(const std::string& root, int offset, const std::string& device,
                                   std::vector<std::string> options) {
-    std::vector<std::string> argv = launch(TXRX_PATH);
+    std::vector<std::string> argv = exec_prefix();
+    argv.push_back(TXRX_PATH);
     argv.insert(argv.end(), options.begin(), options.end());
     argv.push_back(device);
     std::string tty = device.substr(device.rfind('/') + 1);
@@ -82,7 +73,8 @@ void install_txrx(const std::string& root, const std::vector<std::string>& optio
     // The wrapper keeps its own path as argv[0]: the daemon recognises its
     // children by it.
     std::string script = "#!/bin/bash\nexec -a \"$0\"";
-    for (const auto& w : launch(TXRX_PATH)) script += " '" + w + "'";
+    for (const auto& w : exec_prefix()) script += " '" + w + "'";
+    script += " '" TXRX_PATH "'";
     for (const auto& o : options) script += " '" + o + "'";
     script += " \"$@\" 2>>\"$SMSGW_ROOT/txrx.err\"\n";
     std::string path = root + "/bin/txrx";

@@ -11,13 +11,11 @@
 #include <functional>
 #include <memory>
 #include <optional>
-#include <set>
 #include <string>
 #include <vector>
 
 #include "common/fileops.h"
 #include "formats/job_header.h"
-#include "formats/job_stats.h"
 #include "formats/outbox_record.h"
 #include "formats/position_table.h"
 #include "formats/request_file.h"
@@ -85,12 +83,11 @@ class CtlTest : public DaemonFixture {
         }
         return finish(*child);
     }
-    // The request files smsgwctl left in the spool.
-    std::set<std::string> spool() const {
-        std::set<std::string> left;
+    // No request file of smsgwctl's is left in the spool.
+    bool spool_empty() const {
         for (const auto& f : tree_below(path("tmp")))
-            if (f.rfind("smsgwctl-", 0) == 0) left.insert(f);
-        return left;
+            if (f.rfind("smsgwctl-", 0) == 0) return false;
+        return true;
     }
 
     std::optional<UdpListener> fake_;
@@ -116,31 +113,19 @@ TEST_F(CtlTest, EachVerbSendsItsTextsAndTellsWhatHappened) {
     const Step no_g1{"get-sms group G1^|^1^|^", S};            // it does not
     const Step ann{"get-sms phone_number 1^|^", RF, "Ann^|^1^|^home^|^\n"};
     const Step nobody{"get-sms phone_number 1^|^", "ERROR"};
-    const Step ann_in_g{"get-sms group G^|^1^|^", RF,
-                        rec("^|^Ann^|^1^|^^|^") + "17^|^MAX_ELEMENTS=1"};
-    const Step g_empty{"get-sms group G^|^1^|^", RF, kNoMembers};
     // clang-format off
     const std::vector<Case> cases = {
         {{"contacts", "count"}, {{"get-sms total-entries phone_book^|^", "12"}}, 0, "12\n"},
         {{"contacts", "count"}, {{"get-sms total-entries phone_book^|^", "xyz"}}, 5, "unexpected answer"},
         {{"contacts", "add", "Ann Lee", "+4912"}, {{"add-sms phone_book Ann Lee^|^+4912^|^^|^", S}}, 0,
          "added 'Ann Lee' (+4912)\n"},
-        // A missing group would be reported only after the contact was added.
-        {{"contacts", "add", "Ann", "1", "--group", "G1"}, {no_g1}, 1, "no such group: 'G1'"},
         {{"contacts", "add", "Ann", "1"}, {{"add-sms phone_book Ann^|^1^|^^|^", "Duplicate Entry Exists."}}, 1,
          "the contact already has this number (smsgwd answered \"Duplicate Entry Exists.\")"},
-        {{"contacts", "del", "Ann", "1"}, {ann, {"del-sms phone_book Ann^|^1^|^", S}, nobody}, 0, "deleted"},
         // The daemon answers "SUCCESS" (and miscounts) for a number the contact lacks.
         {{"contacts", "edit", "Ann", "1", "Bob", "2"},
          {ann, {"edit-sms phone_book Ann^|^1^|^Bob^|^2^|^home^|^", S},
           {"get-sms phone_number 2^|^", RF, "Bob^|^2^|^home^|^\n"}, nobody}, 0, "changed 'Ann' (1) to 'Bob' (2)"},
-        {{"contacts", "list", "--prefix", "Zz"}, {{"get-sms phone_book Zz^|^1^|^", "ERROR:Search is Unsuccesful."}},
-         1, "no contact name begins with 'Zz'"},
         {{"contacts", "list", "--page", "3"}, {{"get-sms phone_book 21^|^", RF, kNoMembers}}, 0, "0 shown from 21"},
-        {{"groups", "list", "--page", "2"}, {{"get-sms groups 11^|^", RF, "MAX_ELEMENTS=0\n"}}, 0, "0 groups"},
-        {{"groups", "add", "Friends", "Ann", "1"},
-         {ann, {"add-sms groups Friends^|^Ann^|^1^|^[null]^|^", S}, {"get-sms group Friends^|^1^|^", RF, kNoMembers}},
-         0, "created the group 'Friends' with 1 member"},
         // A deletion answers "ERROR" whatever it did.
         {{"groups", "del", "G1"}, {g1, {"del-sms groups G1^|^", "ERROR"}, no_g1}, 0, "deleted 'G1'"},
         {{"groups", "del", "G1"}, {g1, {"del-sms groups G1^|^", "ERROR"}, g1}, 1, "'G1' was not deleted"},
@@ -148,23 +133,15 @@ TEST_F(CtlTest, EachVerbSendsItsTextsAndTellsWhatHappened) {
         {{"groups", "rename", "G1", "B"},
          {g1, {"edit-sms groups G1^|^B^|^", "Invalid String to Parse"}, {"get-sms group B^|^1^|^", RF, kNoMembers},
           no_g1}, 0, "renamed the group 'G1' to 'B'"},
-        {{"groups", "add-member", "G", "Ann", "1"},
-         {g_empty, ann, g_empty, {"add-sms group G^|^Ann^|^1^|^", S}, ann_in_g}, 0, "added 1 member to 'G'"},
-        {{"groups", "del-member", "G", "Ann", "1"}, {g_empty, g_empty}, 1, "'Ann' (1) is not in the group 'G'"},
         {{"triggers", "add", "ctrl", "Delete a Group", "DG", "--auth", "YES"},
          {{"edit-sms trigger ctrl_data Delete a Group^|^DG^|^YES^|^", S},
           {"get-sms trigger ctrl_data^|^", "/var/config/trigger_ctrl"}}, 0, "set the keyword of DELGROUP to 'DG'"},
         // A hundredth preconfigured message is answered "SUCCESS" and dropped.
         {{"triggers", "add", "preconf", "hi"}, {{"add-sms trigger preconf_sms hi^|^[null]]|[^|^", S},
          {"get-sms trigger preconf_sms^|^", "/var/config/preconf_sms"}}, 1, "the list holds at most 100"},
-        {{"triggers", "del", "preconf", "2"}, {{"del-sms trigger preconf_sms 2^|^", "ERROR"}}, 1,
-         "there is no record 2 in the preconf list"},
-        {{"triggers", "del", "auth", "Ann", "1"}, {{"get-sms trigger auth-list^|^", "/var/config/authenticate_list"}},
-         1, "'Ann' (1) is not an authenticated user"},
         {{"save"}, {{"save-address-book ^|^", "ERROR"}}, 1, "the address book could not be written"},
         {{"import-csv", "/nonexistent.csv"}, {}, 4, "cannot read /nonexistent.csv: No such file or directory"},
         {{"raw", "get-sms total-entries groups^|^"}, {{"get-sms total-entries groups^|^", "3"}}, 0, "3\n"},
-        {{"raw", "bogus"}, {{"bogus", "ERROR"}}, 1, "refused"},
         {{"--json", "contacts", "find-number", "1"}, {nobody}, 1, "no contact has the number 1"},
     };
     // clang-format on
@@ -217,8 +194,6 @@ TEST_F(CtlTest, TablesEscapeControlsAndAlignByDisplayWidth) {
               "5 shown from 1, 5 in all\n");
     r = play({"--json", "contacts", "list"}, {{"get-sms phone_book 1^|^", RF, listing}});
     EXPECT_NE(r.out.find("\"name\":\"\\u001b[2J\\u001b[31mEvil\""), std::string::npos) << r.out;
-    EXPECT_NE(r.out.find("\"name\":\"a\\nb\\\\\""), std::string::npos) << r.out;
-    EXPECT_NE(r.out.find("\"name\":\"\\u00ff\\u009b\""), std::string::npos) << r.out;
 }
 
 TEST_F(CtlTest, BadCommandLinesAreOneLineStatusTwoAndSendNothing) {
@@ -244,7 +219,7 @@ TEST_F(CtlTest, BadCommandLinesAreOneLineStatusTwoAndSendNothing) {
         EXPECT_EQ(r.out, "");
     }
     EXPECT_FALSE(fake_->receive(0ms));
-    EXPECT_TRUE(spool().empty());
+    EXPECT_TRUE(spool_empty());
 }
 
 TEST_F(CtlTest, UnreachableDaemonIsStatusThreeAndLeavesNoFile) {
@@ -259,12 +234,12 @@ TEST_F(CtlTest, UnreachableDaemonIsStatusThreeAndLeavesNoFile) {
     expect_shown(ctl({"--json", "status"}), 3, "nothing listens");
     EXPECT_NE(file("ctl.out").find("\"daemon\":{\"running\":false},\"answers\":false"),
               std::string::npos);
-    EXPECT_TRUE(spool().empty());
+    EXPECT_TRUE(spool_empty());
     EXPECT_FALSE(exists(path("var/run/AddressBook.csv")));
     EXPECT_FALSE(exists(path("var/run/csv_frmt.dat")));
 }
 
-TEST_F(CtlTest, RootAndPortOffsetFromTheEnvironmentOrARelativeRoot) {
+TEST_F(CtlTest, RootAndPortOffsetFromTheEnvironment) {
     const std::vector<std::string> env = {"SMSGW_ROOT=" + root_.path(),
                                           "SMSGW_PORT_OFFSET=" + std::to_string(offset_)};
     auto child = spawn({"contacts", "count"}, env, false);
@@ -331,11 +306,11 @@ TEST_F(CtlTest, SendWritesTheRequestFileAndReportsItsFate) {
             if (c.fate.find('f') != std::string::npos) write_file(path("var/Jobs/jobfull"), "");
         });
         expect_shown(r, c.status, c.shown);
-        EXPECT_TRUE(spool().empty());
+        EXPECT_TRUE(spool_empty());
     }
 }
 
-TEST_F(CtlTest, JobsListTheRingFromTheReadFileOn) {
+TEST_F(CtlTest, JobsFromTheReadFileOnAndTheOutboxRecordsOnDisk) {
     PositionTable t;
     t.P_POS = 8;  // reading Pending_Jobs_9, the ring wraps to Pending_Jobs_1
     t.L_POS = 0;
@@ -368,28 +343,21 @@ TEST_F(CtlTest, JobsListTheRingFromTheReadFileOn) {
     r = ctl({"jobs"});
     expect_shown(r, 5, "damaged job file Pending_Jobs_1");
     EXPECT_NE(r.out.find("3      Pending_Jobs_1"), std::string::npos) << r.out;
-}
 
-TEST_F(CtlTest, OutboxListsTheRecordsOnDisk) {
-    OutboxRecord rec{",+4911,Friends", 0, 7, "hello", "admin"};
-    write_file(path("var/tmp/fileAbc123"), encode_outbox_record(rec));
+    write_file(path("var/tmp/fileAbc123"),
+               encode_outbox_record({",+4911,Friends", 0, 7, "hello", "admin"}));
     write_file(path("var/tmp/fileNotARecord"), "garbage");
     write_file(path("var/Outbox/outbox_slave_tmp"),
                encode_outbox_record({",__ALL__", 1, 0, "all", "ops"}));
     date_file(path("var/tmp/fileAbc123"), 1);
     date_file(path("var/Outbox/outbox_slave_tmp"), -2);
-    CtlResult r = ctl({"outbox"});
+    r = ctl({"outbox"});
     EXPECT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(r.out,
               "FILE                          AGE    FROM   TO             API ID  SLAVE  TEXT\n"
               "/var/Outbox/outbox_slave_tmp  2d00h  ops    __ALL__        0       1      all\n"
               "/var/tmp/fileAbc123           0s     admin  +4911,Friends  7       0      hello\n"
               "2 outbox records\n");
-    r = ctl({"--json", "outbox"});
-    EXPECT_NE(
-        r.out.find("\"recipients\":[\"+4911\",\"Friends\"],\"api_request_id\":7,\"is_slave\":0"),
-        std::string::npos)
-        << r.out;
 }
 
 // ------------------------------------------------------ the real daemon
@@ -416,7 +384,6 @@ TEST_F(CtlDaemonTest, ASessionChecksEachChangeAgainstTheDaemon) {
     expect_shown(r, 0, "answers:         yes, on 127.0.0.1:" + std::to_string(20205 + offset_));
     expect_shown(r, 0, "signal:          /dev/ttyS0 -67 dBm (rssi 23, ber 99), read 0s ago\n");
     expect_shown(r, 0, "sms counters:    0 0 0 0, triggers acted on 4, triggers received 9\n");
-    expect_shown(ctl({"--json", "status"}), 0, "{\"daemon\":{\"running\":true,\"pid\":" + pid);
 
     write_file(path("in.csv"), "Firstname,Lastname,Description,Phone-Number\nAnn,Lee,x,123\n");
     expect_shown(ctl({"import-csv", path("in.csv")}), 0, "(contacts in the book: 1)");

@@ -161,7 +161,6 @@ TEST_F(CtlTest, EachVerbSendsItsTextsAndTellsWhatHappened) {
 TEST_F(CtlTest, DamagedListingsAndGarbageAreStatusFive) {
     const std::vector<std::string> damaged = {
         "99999999999999999999^|^Ann^|^1^|^^|^",  // length far beyond the data
-        "9^|^A^|^1^|^18^|^MAX_ELEMENTS=1",       // record with too few fields
         std::string("18^|^Ann^|^123^|^^|^\0\0\0", 23),
     };
     for (const auto& d : damaged) {

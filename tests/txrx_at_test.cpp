@@ -35,18 +35,15 @@ TEST(AtReader, SplitsLinesAndBoundsThem) {
     EXPECT_EQ(read_lines("A\rB\nC\r\n\r\nD"), (V{"A", "B", "C"}));
     EXPECT_EQ(read_lines("\r\n> "), V{"<prompt>"});
     EXPECT_EQ(read_lines(std::string("O\0K\r\n", 5)), V{"OK"});
-    V cut = read_lines(std::string(10000, 'x') + "\r\nOK\r\n");
-    ASSERT_EQ(cut.size(), 2u);
-    EXPECT_EQ(cut[0], std::string(kMaxLine, 'x'));
-    EXPECT_EQ(cut[1], "OK");
+    EXPECT_EQ(read_lines(std::string(10000, 'x') + "\r\nOK\r\n"),
+              (V{std::string(kMaxLine, 'x'), "OK"}));
     EXPECT_TRUE(read_lines(std::string(10000, 'y')).empty());
 
     for (const char* f : {"OK", "ERROR", "+CMS ERROR: 500", "+CME ERROR: 10", "NO CARRIER"})
         EXPECT_TRUE(is_final(f)) << f;
     for (const char* f : {"OK2", "+CMGS: 4", "", "ERRORS"}) EXPECT_FALSE(is_final(f)) << f;
     EXPECT_EQ(error_code("+CMS ERROR: 500"), 500);
-    EXPECT_EQ(error_code("+CME ERROR: x"), -1);
-    EXPECT_EQ(error_code("ERROR"), -1);
+    for (const char* f : {"+CME ERROR: x", "ERROR"}) EXPECT_EQ(error_code(f), -1) << f;
     EXPECT_TRUE(is_unsolicited("+CMTI: \"SM\",3"));
     EXPECT_FALSE(is_unsolicited("+CMGR: 0,,22"));
     EXPECT_TRUE(announces_pdu("+CDS: 25"));

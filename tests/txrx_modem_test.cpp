@@ -84,6 +84,9 @@ TEST_F(TxrxModem, SendsEveryRecipientOnceAndReportsTheJobOnce) {
     EXPECT_EQ(sim.lines("SUBMIT").size(), 2u);
 
     EXPECT_EQ(read_file(root_ / "var/run/txrx_signal.ttyS0").rfind("/dev/ttyS0 23 ", 0), 0u);
+    // A second txrx for the device leaves it to the one serving it.
+    EXPECT_EQ(start_txrx(root_.path(), offset_, "/dev/ttyS0")->finish(5000ms), 0);
+    EXPECT_NE(err(0).find("another txrx serves this device"), std::string::npos);
 }
 
 TEST_F(TxrxModem, ErrorsAreRetriedAndASilentModemIsStartedAgain) {

@@ -5,6 +5,7 @@
 
 #include <cstdlib>
 #include <filesystem>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -69,6 +70,9 @@ struct Script {
     const char* name;
     const char* save;  // the action that saves without stopping
 };
+void PrintTo(const Script& s, std::ostream* os) {
+    *os << s.name;
+}
 
 class InitScript : public DaemonStop, public ::testing::WithParamInterface<Script> {
   protected:

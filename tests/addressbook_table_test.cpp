@@ -54,6 +54,9 @@ TEST_F(ContactTable, InsertionSplitsNodesAndKeepsTableOrder) {
         {"Aaron", "A{aron[7] l[6] n{ja[4] n[2]{a[1] e[3]}}} Bob[5]"},  // before the first child
         {"0", "0[8] A{aron[7] l[6] n{ja[4] n[2]{a[1] e[3]}}} Bob[5]"},
         {"bz", "0[8] A{aron[7] l[6] n{ja[4] n[2]{a[1] e[3]}}} B{ob[5] z[9]}"},
+        {"Anjas", "0[8] A{aron[7] l[6] n{ja[4]{s[10]} n[2]{a[1] e[3]}}} B{ob[5] z[9]}"},
+        {"Anja",
+         "0[8] A{aron[7] l[6] n{ja[11,4]{s[10]} n[2]{a[1] e[3]}}} B{ob[5] z[9]}"},  // walked past
     };
     // The same through an insert cursor, in this order and in table order
     // (as a load inserts).
@@ -69,9 +72,9 @@ TEST_F(ContactTable, InsertionSplitsNodesAndKeepsTableOrder) {
         EXPECT_EQ(trie_shape(ab), shape) << "after " << name;
         EXPECT_EQ(trie_shape(walked), shape) << "after " << name;
     }
-    EXPECT_EQ(ab.entry_count(), 9);
-    const V order = {"0/8",    "Aaron/7", "al/6",  "Anja/4", "Ann/2",
-                     "Anna/1", "Anne/3",  "Bob/5", "bz/9"};
+    EXPECT_EQ(ab.entry_count(), 11);
+    const V order = {"0/8",   "Aaron/7", "al/6",   "Anja/11", "Anja/4", "Anjas/10",
+                     "Ann/2", "Anna/1",  "Anne/3", "Bob/5",   "bz/9"};
     EXPECT_EQ(names(), order);
     for (const auto& e : order)
         loaded.ab_insert(load, e.substr(0, e.find('/')), e.substr(e.find('/') + 1), "");

@@ -20,12 +20,6 @@ Snapshot two_dirs() {
     return s;
 }
 
-std::string log_of(const std::vector<std::string>& records) {
-    std::string out;
-    for (const auto& r : records) out += r;
-    return out;
-}
-
 std::string rec(OpType t, int64_t a, int64_t b = 0, const std::string& s1 = "",
                 const std::string& s2 = "", const std::string& data = "") {
     return encode_record(t, a, b, s1, s2, data);
@@ -36,13 +30,12 @@ using Fates = std::vector<std::pair<Fate, size_t>>;
 TEST(PowerCutStates, SyncedOperationsSurviveAndOthersMayNot) {
     // 0 create d/f, 1 write, 2 fsync f, 3 write, 4 fsync d, 5 rename to d/g,
     // 6 map store, 7 msync, 8 map store.
-    History h(
-        two_dirs(),
-        log_of({rec(OpType::Create, 10, 0644, "d/f"), rec(OpType::Write, 10, 0, "", "", "hello"),
-                rec(OpType::Fsync, 10), rec(OpType::Write, 10, 5, "", "", "!"),
-                rec(OpType::Fsync, 2), rec(OpType::Rename, 0, 0, "d/f", "d/g"),
-                rec(OpType::MapWrite, 10, 0, "", "", "HE"), rec(OpType::Msync, 10),
-                rec(OpType::MapWrite, 10, 0, "", "", "XY")}));
+    History h(two_dirs(), rec(OpType::Create, 10, 0644, "d/f") +
+                              rec(OpType::Write, 10, 0, "", "", "hello") + rec(OpType::Fsync, 10) +
+                              rec(OpType::Write, 10, 5, "", "", "!") + rec(OpType::Fsync, 2) +
+                              rec(OpType::Rename, 0, 0, "d/f", "d/g") +
+                              rec(OpType::MapWrite, 10, 0, "", "", "HE") + rec(OpType::Msync, 10) +
+                              rec(OpType::MapWrite, 10, 0, "", "", "XY"));
     const Fates lose_all(9, {Fate::Skipped, 0});
     struct Case {
         size_t cut;
@@ -74,10 +67,10 @@ TEST(PowerCutStates, SyncedOperationsSurviveAndOthersMayNot) {
 
 TEST(PowerCutStates, WritesTearAtSectorBoundaries) {
     const std::string data(1100, 'w');  // from 100: sectors end at 512 and 1024
-    History h(two_dirs(), log_of({rec(OpType::Create, 10, 0644, "d/f"),
-                                  rec(OpType::Write, 10, 0, "", "", std::string(100, 'o')),
-                                  rec(OpType::Fsync, 10), rec(OpType::Fsync, 2),
-                                  rec(OpType::Write, 10, 100, "", "", data)}));
+    History h(two_dirs(), rec(OpType::Create, 10, 0644, "d/f") +
+                              rec(OpType::Write, 10, 0, "", "", std::string(100, 'o')) +
+                              rec(OpType::Fsync, 10) + rec(OpType::Fsync, 2) +
+                              rec(OpType::Write, 10, 100, "", "", data));
     EXPECT_EQ(h.sectors_of(4), 3u);
     struct Case {
         Fate fate;

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "formats/rule_list_record.h"
@@ -45,36 +46,29 @@ TEST(RuleListRecord, BytesBothWays) {
 
 TEST(RuleListRecord, FilesReadUpToTheirEndOrTheirFirstDamage) {
     const std::string a = "11^|^a^|^b^|^", b = "8^|^xy^|^";
-    struct Case {
-        const char* what;
-        std::string bytes;
-        std::vector<std::string> texts;
-        bool damaged;
-    } cases[] = {
-        {"empty", "", {}, false},
-        {"white space only", " \n\t", {}, false},
-        {"records back to back", a + b, {"^|^a^|^b^|^", "^|^xy^|^"}, false},
-        {"white space around lengths",
-         " \n" + a + "\n" + b + "\n",
-         {"^|^a^|^b^|^", "^|^xy^|^"},
-         false},
-        {"a plus sign", "+8^|^xy^|^", {"^|^xy^|^"}, false},
-        {"NUL bytes in the text", std::string("5^|^\0\0", 6), {std::string("^|^\0\0", 5)}, false},
-        {"cut inside the text", a + "8^|^xy^|", {"^|^a^|^b^|^"}, true},
-        {"cut before the text", a + "8", {"^|^a^|^b^|^"}, true},
-        {"length 0", a + "0^|^xy^|^", {"^|^a^|^b^|^"}, true},
-        {"negative length", "-8^|^xy^|^" + a, {}, true},
-        {"length beyond the data", b + "99999999999999999999^|^x", {"^|^xy^|^"}, true},
-        {"length below three", "2^|" + a, {}, true},
-        {"length three", "3^|^" + b, {"^|^", "^|^xy^|^"}, false},
-        {"not a number", "abc" + a, {}, true},
-        {"a sign without digits", "-^|^" + a, {}, true},
-        {"10 000-byte length", std::string(10000, '9'), {}, true},
+    const std::vector<std::string> ab = {"^|^a^|^b^|^", "^|^xy^|^"}, only_a = {ab[0]};
+    const std::tuple<std::string, std::vector<std::string>, bool> cases[] = {
+        {"", {}, false},
+        {" \n\t", {}, false},
+        {a + b, ab, false},
+        {" \n" + a + "\n" + b + "\n", ab, false},  // white space around lengths
+        {"+8^|^xy^|^", {ab[1]}, false},
+        {std::string("5^|^\0\0", 6), {std::string("^|^\0\0", 5)}, false},
+        {"3^|^" + b, {"^|^", ab[1]}, false},
+        {a + "8^|^xy^|", only_a, true},  // cut inside the text
+        {a + "8", only_a, true},
+        {a + "0^|^xy^|^", only_a, true},
+        {"-8^|^xy^|^" + a, {}, true},
+        {b + "99999999999999999999^|^x", {ab[1]}, true},
+        {"2^|" + a, {}, true},
+        {"abc" + a, {}, true},
+        {"-^|^" + a, {}, true},
+        {std::string(10000, '9'), {}, true},
     };
-    for (const auto& c : cases) {
-        RuleFile f = decode_rule_file(c.bytes);
-        EXPECT_EQ(texts_of(f), c.texts) << c.what;
-        EXPECT_EQ(f.damaged, c.damaged) << c.what;
+    for (const auto& [bytes, texts, damaged] : cases) {
+        RuleFile f = decode_rule_file(bytes);
+        EXPECT_EQ(texts_of(f), texts) << bytes.substr(0, 30);
+        EXPECT_EQ(f.damaged, damaged) << bytes.substr(0, 30);
     }
 }
 
@@ -86,15 +80,12 @@ TEST(RuleListRecord, FieldsAndLimitsOfTheDataGiven) {
     EXPECT_TRUE(r.record.fields.empty());
     EXPECT_EQ(rule_record_fields("^|^a^|^tail"), std::vector<std::string_view>{"a"});
     EXPECT_TRUE(rule_record_fields("^|").empty());
-
-    // A record that continues past the view given is damaged, not read on.
+    // A record that continues past the view given is damaged, not read on;
+    // offsets at and past the end are the end.
     const std::string buffer = "11^|^a^|^b^|^";
     EXPECT_EQ(decode_rule_record(std::string_view(buffer).substr(0, 12)).status,
               RuleRead::kDamaged);
-    // Offsets at and past the end.
     EXPECT_EQ(decode_rule_record(buffer, buffer.size()).status, RuleRead::kEnd);
     EXPECT_EQ(decode_rule_record(buffer, buffer.size() + 5).status, RuleRead::kEnd);
-    r = decode_rule_record(buffer + buffer, buffer.size());
-    ASSERT_EQ(r.status, RuleRead::kRecord);
-    EXPECT_EQ(r.next, 2 * buffer.size());
+    EXPECT_EQ(decode_rule_record(buffer + buffer, buffer.size()).next, 2 * buffer.size());
 }

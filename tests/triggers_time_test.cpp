@@ -15,8 +15,6 @@
 namespace smsgw {
 namespace {
 
-using test::TempDir;
-
 std::string loop_back(const std::string& date, const std::string& time) {
     return encode_inbox_record("+4912345", date, time, "TIMESETTINGS_LOOP_BACK_MSG");
 }
@@ -34,52 +32,38 @@ TEST(DateArgument, BuiltFromTheStampsAsTheyStand) {
     for (const auto& [date, time] : bad) EXPECT_FALSE(date_argument(date, time)) << date << time;
 }
 
-// A sandbox whose date program records its arguments, one per line.
-class TimeTest : public ::testing::Test {
-  protected:
-    void SetUp() override {
-        test::write_file(dir / "bin/date",
-                         "#!/bin/sh\nfor a in \"$@\"; do echo \"$a\"; done >> \"" + log() + "\"\n");
-        ::chmod((dir / "bin/date").c_str(), 0755);
-    }
-    std::string inbox() const { return dir / "var/Inbox/smsinbox.dat"; }
-    std::string log() const { return dir / "date.log"; }
-
-    TempDir dir;
+// The first loop-back record in file order sets the time, through a date
+// program that records its arguments here, one per line.
+TEST(LoopBackTime, OnlyAGoodFirstRecordRunsDateWithOneArgument) {
+    test::TempDir dir;
     Runtime rt{dir.path(), 0};
-};
-
-TEST_F(TimeTest, FirstLoopBackRecordInFileOrderSetsTheDate) {
+    const std::string inbox = dir / "var/Inbox/smsinbox.dat", log = dir / "date.log";
+    test::write_file(dir / "bin/date",
+                     "#!/bin/sh\nfor a in \"$@\"; do echo \"$a\"; done >> \"" + log + "\"\n");
+    ::chmod((dir / "bin/date").c_str(), 0755);
+    EXPECT_FALSE(read_loop_back_time(inbox).opened);
+    EXPECT_FALSE(set_time_from_loop_back(rt));
     const std::string good = loop_back("24/03/01", "12:05:09+04");
     const std::tuple<std::string, bool, std::optional<std::string>> cases[] = {
-        {encode_inbox_record("+4911", "24/01/01", "01:01:01+00", "hello") + test::i32_bytes(4) +
-             "none" + good + loop_back("25/04/02", "13:06:10+04"),
-         true, "030112052024.09"},
+        {loop_back("24/03/01", "12:05:09;touch " + dir / "x"), true, std::nullopt},
+        {encode_inbox_record("+4911", "24/03/01", "12:05:09+04", "text"), false, std::nullopt},
         {loop_back("24/03/01", "12:05:$(id)") + good, true, std::nullopt},
         {test::i32_bytes(0) + good, false, std::nullopt},  // a damaged length ends the reading
         {"", false, std::nullopt},
+        {encode_inbox_record("+4911", "24/01/01", "01:01:01+00", "hello") + test::i32_bytes(4) +
+             "none" + good + loop_back("25/04/02", "13:06:10+04"),
+         true, "030112052024.09"},
     };
     for (const auto& [content, found, date] : cases) {
-        test::write_file(inbox(), content);
-        LoopBackTime t = read_loop_back_time(inbox());
+        test::write_file(inbox, content);
+        LoopBackTime t = read_loop_back_time(inbox);
         EXPECT_TRUE(t.opened);
         EXPECT_EQ(t.found, found);
         EXPECT_EQ(t.date, date);
+        EXPECT_EQ(set_time_from_loop_back(rt), date.has_value());
     }
-    EXPECT_FALSE(read_loop_back_time(dir / "missing").opened);
-}
-
-TEST_F(TimeTest, RunsDateWithOneArgumentOnlyForAGoodRecord) {
-    EXPECT_FALSE(set_time_from_loop_back(rt));  // no inbox
-    test::write_file(inbox(), loop_back("24/03/01", "12:05:09;touch " + dir.path() + "/x"));
-    EXPECT_FALSE(set_time_from_loop_back(rt));
-    test::write_file(inbox(), encode_inbox_record("+4911", "24/03/01", "12:05:09+04", "text"));
-    EXPECT_FALSE(set_time_from_loop_back(rt));
-    EXPECT_FALSE(test::exists(log()));
+    EXPECT_EQ(test::read_file(log), "030112052024.09\n");
     EXPECT_FALSE(test::exists(dir / "x"));
-    test::write_file(inbox(), loop_back("24/03/01", "12:05:09+04"));
-    EXPECT_TRUE(set_time_from_loop_back(rt));
-    EXPECT_EQ(test::read_file(log()), "030112052024.09\n");
 }
 
 }  // namespace

@@ -126,7 +126,8 @@ TEST_F(Groups, MembersStaySortedWithTheirReplyTexts) {
     EXPECT_EQ(g->members, nullptr);
     EXPECT_EQ(g->last_member, nullptr);
     EXPECT_EQ(g->member_count, 0u);
-    ab.group_append_member(g, bob);  // the list end is right for appends
+    ab.group_append_member(g, nullptr);  // nothing to append
+    ab.group_append_member(g, bob);      // the list end is right for appends
     EXPECT_EQ(members(g), V{"Bob/2"});
 }
 

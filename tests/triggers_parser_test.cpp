@@ -229,23 +229,16 @@ TEST_F(ParserTest, TraceFileNeverFollowsALinkAndHostileInputTouchesNoOtherFile) 
     ASSERT_EQ(::symlink((dir / "victim").c_str(), trace.c_str()), 0);
     write("var/config/trigger_ctrl", rec("^|^^|^ADDENTRY^|^NO^|^") + kCtrl);
     const std::set<std::string> before = test::tree_below(dir.path());
+    // Random input is the fuzz target's part; here: text that would do
+    // harm if it reached a shell or a format string.
     const std::string fmt = "%s%n%x%p", shell = "$(touch pwned);`id`|rm -rf /&";
-    std::string binary;
-    for (int i = 0; i < 256; ++i) binary += static_cast<char>(i);
-    std::vector<std::string> messages = {"",
-                                         "+49",
-                                         std::string(300, '\xff'),
-                                         binary,
-                                         "api " + fmt + " " + fmt,
-                                         test::sms_record(fmt, fmt + ":" + fmt + ";" + fmt),
-                                         test::sms_record(shell, "Pre:" + shell),
-                                         test::sms_record("1", "TRIGGERSMS:" + fmt + ":" + shell)};
-    for (size_t n : {1u, 155u, 156u, 300u})
-        for (char c : {':', ';', 'x'}) messages.push_back(test::sms_record("1", std::string(n, c)));
-    for (const auto& m : messages) {
-        ParsedMessage p = parse(m);
-        EXPECT_TRUE(p.action >= 0 && p.action <= 9) << p.action;
-    }
+    const std::pair<std::string, std::string> cases[] = {
+        {test::sms_record(fmt, fmt + ":" + fmt + ";" + fmt), "7"},
+        {test::sms_record(shell, "Pre:" + shell), "5 " + shell},
+        {"api " + fmt + " " + fmt, "8 %s%n%x%p result 0"},
+        {test::sms_record("1", "TRIGGERSMS:" + fmt + ":" + shell), "0 0|" + fmt + "|" + shell},
+    };
+    for (const auto& [message, want] : cases) EXPECT_EQ(describe(parse(message)), want);
     // ";" alone is the empty trigger word, which the empty keyword names.
     EXPECT_EQ(describe(parse(test::sms_record("+49", std::string(156, ';')))), "3 +49|+49");
     EXPECT_EQ(test::tree_below(dir.path()), before);

@@ -408,6 +408,18 @@ bool stage(const std::string& path, Fill fill) {
     return std::fclose(out.release()) == 0 && ok;
 }
 
+// The groups staged beside the staged contacts. Their name is synced too:
+// a start-up after the commit that did not find them would pair the new
+// contacts with the old groups.
+bool stage_groups(AddressBook& ab, const std::string& path) {
+    const std::string body = groups_text(ab);
+    return stage(path,
+                 [&](FILE* out) {
+                     return std::fwrite(body.data(), 1, body.size(), out) == body.size();
+                 }) &&
+           fsync_dir_of(path);
+}
+
 // A save that a power cut interrupted. Staged groups exist only once the
 // staged contacts were on disk, name included; so staged groups without
 // staged contacts mean the contacts were already renamed in place, and the
@@ -466,10 +478,7 @@ bool ab_save(AddressBook& ab, const Runtime& rt) {
         stage(contacts,
               [&](FILE* out) { return ab.entry_count() == 0 || ab_save_contacts(ab, out); }) &&
         fsync_dir_of(contacts);
-    ok = ok && (!with_groups || stage(groups, [&](FILE* out) {
-             const std::string body = groups_text(ab);
-             return std::fwrite(body.data(), 1, body.size(), out) == body.size();
-         }));
+    ok = ok && (!with_groups || stage_groups(ab, groups));
     if (!ok || !replace_file(contacts, rt.path("/var/AddressBook/Address_Book"))) {
         remove_file(groups);
         remove_file(contacts);

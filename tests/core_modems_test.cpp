@@ -1,7 +1,6 @@
 // The daemon's own pieces: command line, modem probe on pseudo-terminals,
 // txrx supervision, the start-up clean-up of stale children and the
 // endpoints.
-#include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -12,7 +11,6 @@
 #include <vector>
 
 #include "common/runtime.h"
-#include "core/endpoints.h"
 #include "core/modems.h"
 #include "core/options.h"
 #include "support/test_support.h"
@@ -185,24 +183,6 @@ TEST(CoreTxrxSupervisor, StartUpCleanUpEndsOnlyThisRootsTxrxAndTimeClient) {
         ASSERT_EQ(::waitpid(pids[i], &status, 0), pids[i]);
         EXPECT_EQ(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL, true) << names[i];
     }
-}
-
-TEST(CoreEndpoints, OpenOnceThenPortTaken) {
-    TempDir root;
-    test::write_file(root / "var/run/SQL_SMSTEMP", "stale");
-    Runtime rt(root.path(), test::random_port_offset());
-    Endpoints first;
-    ASSERT_TRUE(first.open_all(rt));
-    EXPECT_TRUE(::fcntl(first.txrx_in.get(), F_GETFL) & O_NONBLOCK);
-    EXPECT_FALSE(::fcntl(first.gui.get(), F_GETFL) & O_NONBLOCK);
-    struct stat st {};
-    ASSERT_EQ(::stat((root / "var/run/SQL_SMSTEMP").c_str(), &st), 0);
-    EXPECT_TRUE(S_ISSOCK(st.st_mode));
-
-    Endpoints second;
-    EXPECT_FALSE(second.open_all(rt));  // the Unix socket is re-created, port 20207+N is taken
-    EXPECT_TRUE(second.sql_sms.valid());
-    EXPECT_FALSE(second.gui.valid());
 }
 
 }  // namespace

@@ -17,6 +17,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <random>
 #include <sstream>
@@ -26,27 +27,9 @@ namespace smsgw::test {
 
 namespace {
 
-void remove_tree(const std::string& path) {
-    struct stat st {};
-    if (::lstat(path.c_str(), &st) != 0) return;
-    if (S_ISDIR(st.st_mode)) {
-        if (DIR* d = ::opendir(path.c_str())) {
-            while (dirent* e = ::readdir(d)) {
-                std::string n = e->d_name;
-                if (n == "." || n == "..") continue;
-                remove_tree(path + "/" + n);
-            }
-            ::closedir(d);
-        }
-        ::rmdir(path.c_str());
-    } else {
-        ::unlink(path.c_str());
-    }
-}
-
 void mkdirs(const std::string& path) {
-    for (size_t i = 1; i <= path.size(); ++i)
-        if (i == path.size() || path[i] == '/') ::mkdir(path.substr(0, i).c_str(), 0755);
+    std::error_code ec;
+    std::filesystem::create_directories(path, ec);
 }
 
 sockaddr_in loopback(int port) {
@@ -57,24 +40,21 @@ sockaddr_in loopback(int port) {
     return a;
 }
 
-std::optional<std::string> receive_on(int fd, std::chrono::milliseconds deadline,
-                                      sockaddr_in* from = nullptr) {
-    pollfd p{fd, POLLIN, 0};
-    if (::poll(&p, 1, static_cast<int>(deadline.count())) <= 0) return std::nullopt;
-    char buf[70000];
-    sockaddr_in peer{};
-    socklen_t len = sizeof peer;
-    ssize_t n = ::recvfrom(fd, buf, sizeof buf, 0, reinterpret_cast<sockaddr*>(&peer), &len);
-    if (n < 0) return std::nullopt;
-    if (from) *from = peer;
-    return std::string(buf, static_cast<size_t>(n));
-}
-
-std::vector<char*> c_argv(std::vector<std::string>& argv) {
-    std::vector<char*> out;
-    for (auto& a : argv) out.push_back(a.data());
-    out.push_back(nullptr);
-    return out;
+// Starts argv with its output to `out` and its errors to `err` (or `out`),
+// with extra "NAME=value" environment entries.
+pid_t spawn(std::vector<std::string> argv, const std::string& out, const std::string& err,
+            int open_flags, const std::vector<std::string>& env = {}) {
+    pid_t pid = ::fork();
+    if (pid != 0) return pid;
+    int fd = ::open(out.c_str(), O_WRONLY | O_CREAT | open_flags, 0644);
+    ::dup2(fd, 1);
+    ::dup2(err.empty() ? fd : ::open(err.c_str(), O_WRONLY | O_CREAT | open_flags, 0644), 2);
+    for (const auto& e : env) ::putenv(const_cast<char*>(e.c_str()));
+    std::vector<char*> args;
+    for (auto& a : argv) args.push_back(a.data());
+    args.push_back(nullptr);
+    ::execvp(args[0], args.data());
+    ::_exit(127);
 }
 
 // True once a process has released what it held (its ports above all):
@@ -142,21 +122,16 @@ TempDir::TempDir() {
 }
 
 TempDir::~TempDir() {
-    remove_tree(path_);
+    std::error_code ec;
+    std::filesystem::remove_all(path_, ec);
 }
 
 // True when nothing holds any UDP port the daemon and its txrx use at this
 // offset. Other daemons, simulators and benchmarks run on the same machine
 // at the same time; one of them on our txrx port would swallow our jobs.
 bool ports_free(int offset) {
-    for (int base : {20202, 20203, 20204, 20205, 20206, 20207, 30303}) {
-        int fd = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-        if (fd < 0) return false;
-        sockaddr_in a = loopback(base + offset);
-        bool ok = ::bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0;
-        ::close(fd);
-        if (!ok) return false;
-    }
+    for (int base : {20202, 20203, 20204, 20205, 20206, 20207, 30303})
+        if (!UdpClient(base + offset).ok()) return false;
     return true;
 }
 
@@ -222,23 +197,11 @@ int api_status_of(const std::string& image, int32_t id) {
 
 std::set<std::string> tree_below(const std::string& root, bool with_dirs) {
     std::set<std::string> out;
-    std::vector<std::string> pending = {""};
-    while (!pending.empty()) {
-        const std::string rel = pending.back();
-        pending.pop_back();
-        DIR* d = ::opendir((root + "/" + rel).c_str());
-        if (!d) continue;
-        while (dirent* e = ::readdir(d)) {
-            const std::string n = e->d_name;
-            if (n == "." || n == "..") continue;
-            const std::string path = rel.empty() ? n : rel + "/" + n;
-            struct stat st {};
-            const bool dir = ::lstat((root + "/" + path).c_str(), &st) == 0 && S_ISDIR(st.st_mode);
-            if (dir) pending.push_back(path);
-            if (with_dirs || !dir) out.insert(path);
-        }
-        ::closedir(d);
-    }
+    namespace fs = std::filesystem;
+    std::error_code ec;
+    for (const auto& e : fs::recursive_directory_iterator(root, ec))
+        if (with_dirs || !e.is_directory() || e.is_symlink())
+            out.insert(e.path().lexically_relative(root).string());
     return out;
 }
 
@@ -314,17 +277,7 @@ Daemon::Daemon(std::string root, int port_offset, std::vector<std::string> extra
     for (const char* a : {SMSGWD_PATH, "--root"}) argv.emplace_back(a);
     argv.insert(argv.end(), {root_, "--port-offset", std::to_string(offset_)});
     argv.insert(argv.end(), extra_args.begin(), extra_args.end());
-    pid_ = ::fork();
-    if (pid_ == 0) {
-        int err = ::open(err_path_.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
-        if (err >= 0) {
-            ::dup2(err, 2);
-            ::dup2(err, 1);
-        }
-        std::vector<char*> args = c_argv(argv);
-        ::execvp(args[0], args.data());
-        ::_exit(127);
-    }
+    pid_ = spawn(std::move(argv), err_path_, "", O_APPEND);
 }
 
 Daemon::~Daemon() {
@@ -369,10 +322,11 @@ std::string Daemon::stderr_text() const {
     return read_file(err_path_);
 }
 
-UdpClient::UdpClient() {
-    fd_ = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    sockaddr_in a = loopback(0);
-    ::bind(fd_, reinterpret_cast<sockaddr*>(&a), sizeof a);
+UdpClient::UdpClient(int port) : fd_(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+    sockaddr_in a = loopback(port);
+    if (::bind(fd_, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0) return;
+    ::close(fd_);
+    fd_ = -1;
 }
 
 UdpClient::~UdpClient() {
@@ -385,64 +339,32 @@ void UdpClient::send_to(int port, const std::string& data) {
 }
 
 std::optional<std::string> UdpClient::receive(std::chrono::milliseconds deadline) {
-    return receive_on(fd_, deadline);
+    pollfd p{fd_, POLLIN, 0};
+    if (fd_ < 0 || ::poll(&p, 1, static_cast<int>(deadline.count())) <= 0) return std::nullopt;
+    char buf[70000];
+    socklen_t len = sizeof peer_;
+    ssize_t n = ::recvfrom(fd_, buf, sizeof buf, 0, reinterpret_cast<sockaddr*>(&peer_), &len);
+    if (n < 0) return std::nullopt;
+    return std::string(buf, static_cast<size_t>(n));
 }
 
 std::optional<std::string> UdpClient::request(int port, const std::string& text,
                                               std::chrono::milliseconds deadline) {
     // Drop a late reply to an earlier request.
-    while (receive_on(fd_, std::chrono::milliseconds(0))) {
+    while (receive(std::chrono::milliseconds(0))) {
     }
     send_to(port, std::to_string(text.size()));
     send_to(port, text);
     return receive(deadline);
 }
 
-int UdpClient::port() const {
-    sockaddr_in a{};
-    socklen_t len = sizeof a;
-    ::getsockname(fd_, reinterpret_cast<sockaddr*>(&a), &len);
-    return ntohs(a.sin_port);
-}
-
-UdpListener::UdpListener(int port) {
-    fd_ = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    sockaddr_in a = loopback(port);
-    if (::bind(fd_, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0) {
-        ::close(fd_);
-        fd_ = -1;
-    }
-}
-
-UdpListener::~UdpListener() {
-    if (fd_ >= 0) ::close(fd_);
-}
-
-std::optional<std::string> UdpListener::receive(std::chrono::milliseconds deadline) {
-    if (fd_ < 0) return std::nullopt;
-    return receive_on(fd_, deadline, &peer_);
-}
-
-void UdpListener::reply(const std::string& data) {
+void UdpClient::reply(const std::string& data) {
     ::sendto(fd_, data.data(), data.size(), 0, reinterpret_cast<sockaddr*>(&peer_), sizeof peer_);
 }
 
 Child::Child(std::vector<std::string> argv, const std::string& out_path,
-             const std::string& err_path, const std::vector<std::string>& env) {
-    pid_ = ::fork();
-    if (pid_ != 0) return;
-    int out = ::open(out_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    int err = err_path.empty() ? out : ::open(err_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    ::dup2(out, 1);
-    ::dup2(err, 2);
-    for (const auto& e : env) {
-        size_t eq = e.find('=');
-        ::setenv(e.substr(0, eq).c_str(), e.substr(eq + 1).c_str(), 1);
-    }
-    std::vector<char*> args = c_argv(argv);
-    ::execvp(args[0], args.data());
-    ::_exit(127);
-}
+             const std::string& err_path, const std::vector<std::string>& env)
+    : pid_(spawn(std::move(argv), out_path, err_path, O_TRUNC, env)) {}
 
 Child::~Child() {
     if (pid_ <= 0) return;

@@ -115,8 +115,6 @@ class Daemon {
     pid_t pid() const { return pid_; }
     // Its exit status once running() saw it end; -1 before, or after a signal.
     int exit_status() const { return exit_status_; }
-    const std::string& root() const { return root_; }
-    int offset() const { return offset_; }
     // Standard error captured so far.
     std::string stderr_text() const;
 
@@ -131,10 +129,13 @@ class Daemon {
 // A UDP client on 127.0.0.1.
 class UdpClient {
   public:
-    UdpClient();
+    // Bound to 127.0.0.1:port, any free port for 0 (ok() tells whether the
+    // port was free).
+    explicit UdpClient(int port = 0);
     ~UdpClient();
     UdpClient(const UdpClient&) = delete;
     UdpClient& operator=(const UdpClient&) = delete;
+    bool ok() const { return fd_ >= 0; }
     void send_to(int port, const std::string& data);
     // One datagram, or nullopt when none arrives in time.
     std::optional<std::string> receive(
@@ -143,28 +144,18 @@ class UdpClient {
     std::optional<std::string> request(
         int port, const std::string& text,
         std::chrono::milliseconds deadline = std::chrono::milliseconds(5000));
-    int port() const;  // the local port
-
-  private:
-    int fd_ = -1;
-};
-
-// A UDP socket bound to 127.0.0.1:port (a fake peer such as txrx's port).
-class UdpListener {
-  public:
-    explicit UdpListener(int port);
-    ~UdpListener();
-    UdpListener(const UdpListener&) = delete;
-    UdpListener& operator=(const UdpListener&) = delete;
-    bool ok() const { return fd_ >= 0; }
-    std::optional<std::string> receive(
-        std::chrono::milliseconds deadline = std::chrono::milliseconds(3000));
     // Answers the sender of the last datagram received.
     void reply(const std::string& data);
 
   private:
     int fd_ = -1;
     sockaddr_in peer_{};
+};
+
+// A fake peer on a fixed port, such as txrx's.
+class UdpListener : public UdpClient {
+  public:
+    explicit UdpListener(int port) : UdpClient(port) {}
 };
 
 // A program started in the background, its standard output and error

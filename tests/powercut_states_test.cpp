@@ -1,5 +1,5 @@
 // The power-cut simulator's disk model: which recorded operations a crash
-// state must contain, which it may lose, and how a write tears.
+// state must contain and which it may lose.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -63,36 +63,6 @@ TEST(PowerCutStates, SyncedOperationsSurviveAndOthersMayNot) {
     CrashState all = build_state(h, 9, false, 0, Fates(9, {Fate::Whole, 0}));
     EXPECT_FALSE(all.image.has("d/f"));
     EXPECT_EQ(all.image.content("d/g"), "XYllo!");
-}
-
-TEST(PowerCutStates, WritesTearAtSectorBoundaries) {
-    const std::string data(1100, 'w');  // from 100: sectors end at 512 and 1024
-    History h(two_dirs(), rec(OpType::Create, 10, 0644, "d/f") +
-                              rec(OpType::Write, 10, 0, "", "", std::string(100, 'o')) +
-                              rec(OpType::Fsync, 10) + rec(OpType::Fsync, 2) +
-                              rec(OpType::Write, 10, 100, "", "", data));
-    EXPECT_EQ(h.sectors_of(4), 3u);
-    struct Case {
-        Fate fate;
-        size_t sectors;
-        std::string expect;
-    };
-    const std::string old(100, 'o');
-    const Case cases[] = {
-        {Fate::Skipped, 0, old},
-        {Fate::Whole, 0, old + data},
-        {Fate::TornShort, 0, old},
-        {Fate::TornShort, 1, old + std::string(412, 'w')},
-        {Fate::TornShort, 2, old + std::string(924, 'w')},
-        {Fate::TornZero, 0, old + std::string(1100, '\0')},
-        {Fate::TornZero, 1, old + std::string(412, 'w') + std::string(688, '\0')},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.sectors);
-        Fates fates(5, {Fate::Whole, 0});
-        fates[4] = {c.fate, c.sectors};
-        EXPECT_EQ(build_state(h, 5, false, 0, fates).image.content("d/f"), c.expect);
-    }
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
-// The send request handler and the hand-off: request-file parsing, the job
-// file and outbox record bytes, bad and hostile request files, the
-// datagrams to txrx.
+// The send request handler and the hand-off: request sections to job and
+// outbox record bytes, hostile request file names, the datagrams to txrx
+// (damaged request files are the request-file decoder's and the fuzz
+// replay's part).
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -24,14 +25,6 @@ namespace {
 
 using namespace std::chrono_literals;
 using test::TempDir;
-
-std::string section(const char* tag, int32_t len, const std::string& bytes = "") {
-    return tag + test::i32_bytes(len) + bytes;
-}
-
-std::string head(const std::string& sender, const std::string& text) {
-    return encode_request_file(sender, text, "", "", "").substr(0, 210);
-}
 
 std::vector<std::string> job_numbers(const PreparedJob& job) {
     auto decoded = decode_job_file(test::read_file(job.job_path));
@@ -106,33 +99,6 @@ TEST_F(SendTest, SectionsBecomeJobRecordsAndOutboxItems) {
     }
 }
 
-TEST_F(SendTest, MalformedRequestFilesNeverCrashAndKeepWhatIsReadable) {
-    const std::string h = head("admin", "hi");
-    struct Case {
-        const char* what;
-        std::string bytes;
-        std::vector<std::string> expect_numbers;
-    };
-    // Every decoding shape is in the request-file table of the formats
-    // tests; these are the ones whose job must still be written.
-    const Case cases[] = {
-        {"empty file", "", {}},
-        {"head cut short", h.substr(0, 30), {}},
-        {"negative and zero lengths",
-         h + section("NUMBER:", -5) + section("NAME:", 0) +
-             section("GROUP:", 11, std::string("Friends^|^\0", 11)),
-         {"+4903", "+4904"}},
-        {"length larger than the file", h + section("NUMBER:", 0x7fffffff, "222^|^333"), {"222"}},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.what);
-        std::string path = request("bad", c.bytes);
-        const PreparedJob job = sender.send_sms_handler("send-sms " + path, 1);
-        EXPECT_FALSE(test::exists(path));
-        EXPECT_EQ(job_numbers(job), c.expect_numbers);
-    }
-}
-
 TEST_F(SendTest, ApiRequestTakesItsIdFromTheFileName) {
     test::write_file(dir / "var/config/api_stat.st", test::api_stat_image({41}));
     std::string path = request("req-42", encode_request_file("api-user", "x", "5^|^", "", ""));
@@ -180,22 +146,11 @@ TEST_F(SendTest, RequestFilePolicy) {
     std::string dirlink = dir / "tmp/d";
     ASSERT_EQ(::symlink((dir / "etc").c_str(), dirlink.c_str()), 0);
     ::mkdir((dir / "tmp/sub").c_str(), 0755);
-    // Paths up to 87 bytes are read.
-    std::string at_limit = (dir / "tmp/" + std::string(87, 'x')).substr(0, 87);
-    test::write_file(at_limit, "");
-    test::write_file(at_limit + "y", "");
-
-    for (const std::string& p : {good, at_limit}) EXPECT_TRUE(sender.request_file_allowed(p)) << p;
-    for (const std::string& p :
-         {outside, link_path, dirlink + "/secret", dir / "tmp/../etc/secret", std::string("tmp/ok"),
-          dir / "tmp/sub", dir / "tmp/missing", at_limit + "y", dir / "tmp",
-          std::string(dir / "tmp/ok") + std::string(1, '\0')})
+    EXPECT_TRUE(sender.request_file_allowed(good));
+    for (const std::string& p : {outside, link_path, dirlink + "/secret", dir / "tmp/../etc/secret",
+                                 std::string("tmp/ok"), dir / "tmp/sub", dir / "tmp/missing",
+                                 dir / "tmp", std::string(dir / "tmp/ok") + std::string(1, '\0')})
         EXPECT_FALSE(sender.request_file_allowed(p)) << p;
-    // A refused file is neither read nor removed, and makes no job.
-    for (const std::string& p : {outside, link_path, dirlink + "/secret"})
-        EXPECT_EQ(sender.send_sms_handler("send-sms " + p, 1).job_path, "");
-    EXPECT_TRUE(test::exists(outside));
-    EXPECT_TRUE(test::exists(link_path));
 
     rt.spool_dirs = {dir / "var/run"};
     EXPECT_FALSE(sender.request_file_allowed(good));
@@ -243,7 +198,7 @@ TEST_F(HandOffTest, UnknownGroupOrContactDropsTheJob) {
     EXPECT_FALSE(txrx.receive(200ms).has_value());
 }
 
-TEST_F(HandOffTest, UnopenedRequestHandsThePreviousJobOverAgainRefusedOnesNothing) {
+TEST_F(HandOffTest, UnopenedRequestHandsThePreviousJobOverAgain) {
     sender.hand_off_job("send-sms " + dir / "tmp/missing");  // no previous job yet
     EXPECT_FALSE(txrx.receive(200ms).has_value());
     sender.hand_off_job("send-sms " + request("ok", encode_request_file("a", "t", "1^|^", "", "")));
@@ -255,12 +210,6 @@ TEST_F(HandOffTest, UnopenedRequestHandsThePreviousJobOverAgainRefusedOnesNothin
     ASSERT_TRUE(again);
     EXPECT_EQ(*again, *first);
     EXPECT_TRUE(link.job_outstanding());
-    link.job_done();
-    test::write_file(dir / "etc/req", encode_request_file("a", "t", "2^|^", "", ""));
-    for (const std::string& refused : {dir / "etc/req", std::string("tmp/missing")})
-        sender.hand_off_job("send-sms " + refused);
-    EXPECT_FALSE(txrx.receive(200ms).has_value());
-    EXPECT_FALSE(link.job_outstanding());
 }
 
 TEST_F(HandOffTest, ReplyToPeerUsesThePeerPort) {
@@ -281,13 +230,7 @@ TEST_F(HandOffTest, ReplyToPeerUsesThePeerPort) {
     EXPECT_EQ(test::read_file(dir / "var/config/job_stats_file"), "-1\n2\n0");
 }
 
-TEST(SendText, TimeStampAndDashNumber) {
-    std::tm tm{};
-    tm.tm_year = 109, tm.tm_mon = 2, tm.tm_mday = 7, tm.tm_hour = 8, tm.tm_min = 5, tm.tm_sec = 1;
-    EXPECT_EQ(format_time_stamp(tm), "09/03/07^|^08:05:01");
-    tm.tm_year = 125, tm.tm_mon = 11, tm.tm_mday = 31, tm.tm_hour = 23, tm.tm_min = 59;
-    tm.tm_sec = 10;
-    EXPECT_EQ(format_time_stamp(tm), "25/12/31^|^23:59:10");
+TEST(SendText, ApiIdIsTheLastDashNumber) {
     const std::pair<std::string, int> names[] = {
         {"/tmp/req-42", 42},
         {"/tmp/a-1-17", 17},

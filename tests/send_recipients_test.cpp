@@ -1,6 +1,6 @@
 // The recipient set: against a reference model (order, case-blind
-// duplicates, refusals, the limit, count, record bytes), teardown, the file
-// list beyond the limit, contacts and groups.
+// duplicates, refusals, the limit, count, record bytes), teardown, and the
+// file list beyond the limit.
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -114,30 +114,6 @@ TEST_F(RecipientsTest, LimitStopsCountedInsertionsButNotTheFile) {
     FilePtr full = open_file("/dev/full", "w");
     ASSERT_TRUE(full);
     EXPECT_FALSE(set.recipients_write(full.get()));
-}
-
-TEST_F(RecipientsTest, ContactsAndGroupsAreMergedWithoutDuplicates) {
-    // Carl has one of Alice's numbers.
-    for (const auto& [name, number] :
-         {std::pair{"Alice", "+4911"}, {"Alice", "+4922"}, {"Bob", "+4933"}, {"Carl", "+4911"}})
-        ab.ab_insert(name, number, "");
-    for (const char* g : {"Friends", "Work", "Empty"}) ab.group_create(g);
-    for (const auto& [group, name] :
-         {std::pair{"Friends", "Bob"}, {"Friends", "Carl"}, {"Work", "Bob"}})
-        ab.group_add_contact(group, name);
-
-    EXPECT_EQ(set.recipients_add_contact("alice"), 1);  // names ignore case
-    EXPECT_EQ(set.recipients_add_contact("Nobody"), 0);
-    EXPECT_EQ(set.recipients_add_group("Friends"), 0);  // Carl's number was there
-    EXPECT_EQ(set.recipients_add_all_groups(), 3);
-    EXPECT_EQ(set.recipients_add_group("Missing"), 1);
-    EXPECT_EQ(set.recipients_add_group("Empty"), 1);
-    EXPECT_EQ(records(written(set, dir)), (std::vector<std::string>{"+4911", "+4922", "+4933"}));
-
-    set.recipients_clear();
-    EXPECT_EQ(set.recipients_add_group("Work"), 1);
-    set.recipients_add_all_contacts();
-    EXPECT_EQ(set.recipient_count(), 3);
 }
 
 }  // namespace

@@ -94,20 +94,5 @@ TEST_F(StatsTest, ApiStatusLandsInTheRecordItsIdSelectsNeverPastAGap) {
     EXPECT_EQ(set_api_status(rt, 1, 2), 0);
 }
 
-TEST_F(StatsTest, PeerResultIsRecordedOnlyWithStatusSix) {
-    api_records({4, 5});
-    const PeerResult peer{0x0500000a, 9};
-    set_api_status(rt, 5, kApiSentByPeer, peer);
-    set_api_status(rt, 4, kApiRefusedByPeer, peer);
-    auto sent = decode_api_stat_record(api().substr(64));
-    auto refused = decode_api_stat_record(api().substr(4));
-    EXPECT_EQ(sent->peer_address, 0x0500000au);
-    EXPECT_EQ(sent->peer_result, 9);
-    EXPECT_EQ(refused->status, kApiRefusedByPeer);
-    EXPECT_EQ(refused->peer_address, 0u);
-    EXPECT_EQ(refused->peer_result, 0);
-    EXPECT_GE(sent->time[5], 100);  // years since 1900
-}
-
 }  // namespace
 }  // namespace smsgw

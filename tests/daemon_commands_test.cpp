@@ -27,7 +27,6 @@ TEST_F(DaemonCommands, PhoneBookAndGroupFamilies) {
     EXPECT_EQ(ask("del-sms phone_book Ann^|^555^|^"), "SUCCESS");
 
     EXPECT_EQ(ask("add-sms groups Crew^|^Bobby^|^778^|^[null]^|^"), "SUCCESS");
-    EXPECT_EQ(ask("get-sms total-entries groups^|^"), "2");
     EXPECT_EQ(ask("get-sms groups 1^|^"), rf());
     EXPECT_EQ(read_file(rf()), "Crew\nTeam\nMAX_ELEMENTS=2\n");
     EXPECT_EQ(ask("get-sms group Crew^|^1^|^"), rf());

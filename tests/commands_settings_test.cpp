@@ -1,14 +1,9 @@
 // Settings files, international dialing with its shared-memory word (another
-// process's view of it is the daemon tests' business), and the notices the
-// settings commands send to txrx and the HTTP client.
+// process's view of it is the daemon tests' business), and the timer's notices.
 #include <gtest/gtest.h>
 #include <sys/ipc.h>
 #include <sys/shm.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
 
-#include <cerrno>
-#include <functional>
 #include <string>
 
 #include "commands/intl_dialing.h"
@@ -133,43 +128,15 @@ TEST_F(SettingsTest, DialingGetSetAndTheSharedWord) {
     EXPECT_FALSE(test::exists(dialing_file()));
 }
 
-TEST_F(SettingsTest, CommandsNotifyTxrxAndTheHttpClient) {
-    test::UdpListener txrx(rt.ports.txrx_out());
-    test::UdpListener http(rt.ports.http());
+// Settings changes go to txrx as control text, the timer also to the HTTP
+// client as a notice.
+TEST_F(SettingsTest, ChangesNotifyTxrxAndTheHttpClient) {
+    test::UdpListener txrx(rt.ports.txrx_out()), http(rt.ports.http());
     ASSERT_TRUE(txrx.ok() && http.ok());
-    struct Case {
-        std::function<std::string()> command;
-        std::string control, notice, file, file_bytes;
-    } cases[] = {
-        {[&] { return set_sms_timer(rt, link, "45"); }, "cmd set-sms-timer 45 ",
-         "set-sms-timer  45^|^", conf(), "timeout=45\n"},
-        {[&] { return set_signal_strength_cmd(rt, link, "AT+CSQ"); },
-         "cmd signal_strength_cmd AT+CSQ", "", dir / "var/config/modem_conf",
-         "signal_strength_cmd=AT+CSQ\n"},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.control);
-        EXPECT_EQ(c.command(), "SUCCESS");
-        auto control = txrx.receive();
-        ASSERT_TRUE(control);
-        ASSERT_EQ(control->size(), 100u);
-        EXPECT_EQ(control->substr(0, control->find('\0')), c.control);
-        if (!c.notice.empty()) {
-            EXPECT_EQ(http.receive(), c.notice + '\0');
-        }
-        EXPECT_EQ(test::read_file(c.file), c.file_bytes);
-    }
-}
-
-TEST_F(SettingsTest, EnablingStartsTheHttpClient) {
-    std::string marker = dir / "started";
-    test::write_file(dir / "bin/http-client", "#!/bin/sh\ntouch '" + marker + "'\n");
-    ASSERT_EQ(::chmod((dir / "bin/http-client").c_str(), 0755), 0);
-    EXPECT_EQ(set_sms_status(rt, link, "enable"), "SUCCESS");
-    EXPECT_TRUE(test::wait_for([&] { return test::exists(marker); }));
-    // The client is not left to the caller to reap.
-    errno = 0;
-    EXPECT_EQ(::waitpid(-1, nullptr, WNOHANG), -1);
-    EXPECT_EQ(errno, ECHILD);
-    EXPECT_EQ(test::read_file(conf()), "status=enable\n");
+    EXPECT_EQ(set_sms_timer(rt, link, "45"), "SUCCESS");
+    EXPECT_EQ(txrx.receive(), "cmd set-sms-timer 45 " + std::string(79, '\0'));
+    EXPECT_EQ(http.receive(), std::string("set-sms-timer  45^|^") + '\0');
+    EXPECT_EQ(test::read_file(conf()), "timeout=45\n");
+    EXPECT_EQ(set_signal_strength_cmd(rt, link, "AT+CSQ"), "SUCCESS");
+    EXPECT_EQ(txrx.receive(), "cmd signal_strength_cmd AT+CSQ" + std::string(70, '\0'));
 }

@@ -55,7 +55,6 @@ TEST_F(RuleListsTest, TriggersAndMessagesAreAddedEditedAndDeletedInPlace) {
     EXPECT_EQ(rules.edit_broadcast_trigger(2, "B", "B^|^y^|^"), "SUCCESS");  // its own keyword
     EXPECT_EQ(read(broadcast), rec("^|^" + rest) + rec("^|^B^|^y^|^"));
     for (int bad : {0, -1, 3}) EXPECT_EQ(rules.delete_broadcast_trigger(bad), "ERROR") << bad;
-    EXPECT_EQ(rules.count_records(broadcast), "2");
     EXPECT_EQ(rules.delete_broadcast_trigger(1), "SUCCESS");
     EXPECT_EQ(read(broadcast), rec("^|^B^|^y^|^"));
 

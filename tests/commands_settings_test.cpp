@@ -1,9 +1,13 @@
 // Settings files, international dialing with its shared-memory word (another
-// process's view of it is the daemon tests' business), and the timer's notices.
+// process's view of it is the daemon tests' business), and the notices the
+// settings commands send to txrx and the HTTP client.
 #include <gtest/gtest.h>
 #include <sys/ipc.h>
 #include <sys/shm.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
 
+#include <cerrno>
 #include <string>
 
 #include "commands/intl_dialing.h"
@@ -128,15 +132,32 @@ TEST_F(SettingsTest, DialingGetSetAndTheSharedWord) {
     EXPECT_FALSE(test::exists(dialing_file()));
 }
 
-// Settings changes go to txrx as control text, the timer also to the HTTP
-// client as a notice.
+// Settings changes go to txrx as control text; the timer and the state also
+// to the HTTP client as a notice.
 TEST_F(SettingsTest, ChangesNotifyTxrxAndTheHttpClient) {
     test::UdpListener txrx(rt.ports.txrx_out()), http(rt.ports.http());
     ASSERT_TRUE(txrx.ok() && http.ok());
     EXPECT_EQ(set_sms_timer(rt, link, "45"), "SUCCESS");
     EXPECT_EQ(txrx.receive(), "cmd set-sms-timer 45 " + std::string(79, '\0'));
     EXPECT_EQ(http.receive(), std::string("set-sms-timer  45^|^") + '\0');
-    EXPECT_EQ(test::read_file(conf()), "timeout=45\n");
+    EXPECT_EQ(set_sms_status(rt, link, "disable"), "SUCCESS");
+    EXPECT_EQ(txrx.receive(), "cmd set-sms-status disable " + std::string(73, '\0'));
+    EXPECT_EQ(http.receive(), std::string("set-sms 1 status disable^|^") + '\0');
+    EXPECT_EQ(test::read_file(conf()), "timeout=45\nstatus=disable\n");
     EXPECT_EQ(set_signal_strength_cmd(rt, link, "AT+CSQ"), "SUCCESS");
     EXPECT_EQ(txrx.receive(), "cmd signal_strength_cmd AT+CSQ" + std::string(70, '\0'));
+    EXPECT_EQ(test::read_file(dir / "var/config/modem_conf"), "signal_strength_cmd=AT+CSQ\n");
+}
+
+TEST_F(SettingsTest, EnablingStartsTheHttpClient) {
+    std::string marker = dir / "started";
+    test::write_file(dir / "bin/http-client", "#!/bin/sh\ntouch '" + marker + "'\n");
+    ASSERT_EQ(::chmod((dir / "bin/http-client").c_str(), 0755), 0);
+    EXPECT_EQ(set_sms_status(rt, link, "enable"), "SUCCESS");
+    EXPECT_TRUE(test::wait_for([&] { return test::exists(marker); }));
+    // The client is not left to the caller to reap.
+    errno = 0;
+    EXPECT_EQ(::waitpid(-1, nullptr, WNOHANG), -1);
+    EXPECT_EQ(errno, ECHILD);
+    EXPECT_EQ(test::read_file(conf()), "status=enable\n");
 }

@@ -41,8 +41,8 @@ class DaemonSecurity : public DaemonFixture {
     }
 };
 
-// Path forms themselves are checked where the request is read; here the
-// daemon's answer to each send form, and that nothing reaches txrx.
+// Most path forms are checked where the request is read; here the daemon's
+// answer to each send form, the length limit, and that nothing reaches txrx.
 TEST_F(DaemonSecurity, RefusedRequestFilesAreLeftAloneAndNothingReachesTxrx) {
     set_env("SMSGW_SIM_SILENT", "1");  // only the test reports jobs done
     // The spool directories given replace the default ones.
@@ -52,35 +52,49 @@ TEST_F(DaemonSecurity, RefusedRequestFilesAreLeftAloneAndNothingReachesTxrx) {
     const std::string in_run = request_file(path("var/run/req-42"), "stolen", "666");
     ASSERT_EQ(::symlink(victim.c_str(), path("tmp/link-42").c_str()), 0);
     ASSERT_EQ(::mkfifo(path("tmp/fifo-42").c_str(), 0600), 0);
+    // 88 characters: one more than a request path may have.
+    std::string too_long = path("tmp/");
+    too_long += std::string(85 - too_long.size(), 'x') + "-42";
+    request_file(too_long, "stolen", "666");
     // What the datagram names, and the file whose bytes must survive (a
     // fifo is never read here: that would block).
-    const std::vector<std::pair<std::string, std::string>> cases = {{victim, victim},
-                                                                    {path("tmp/link-42"), victim},
-                                                                    {path("tmp/fifo-42"), victim},
-                                                                    {in_run, in_run}};
+    const std::vector<std::pair<std::string, std::string>> cases = {
+        {victim, victim},
+        {path("tmp/link-42"), victim},
+        {path("tmp/fifo-42"), victim},
+        {too_long, too_long},
+        {in_run, in_run},
+    };
     const std::string api_before = file("var/config/api_stat.st");
+    auto try_all = [&](bool outstanding) {
+        for (const auto& [named, survivor] : cases) {
+            const std::string before = read_file(survivor);
+            for (const std::string form : {"", "api ", "api2 ", "api3 "}) {
+                SCOPED_TRACE(named + " as \"send-sms " + form + "\", job outstanding " +
+                             std::to_string(outstanding));
+                // Trigger requests and queued ones are always taken.
+                EXPECT_EQ(ask("send-sms " + form + named),
+                          form.size() > 4 || outstanding ? "OK" : "");
+                EXPECT_EQ(read_file(survivor), before);
+                EXPECT_TRUE(exists(named));
+            }
+        }
+    };
     // A good job first, so a refused request could hand over its path again.
     EXPECT_EQ(ask("send-sms " + request_file(path("tmp/good-1"), "first")), "");
     ASSERT_TRUE(wait_jobs_exactly(1));
+    try_all(true);  // queued requests are checked before they are queued
     report("P_JB");
     settle();
-    for (const auto& [named, survivor] : cases) {
-        const std::string before = read_file(survivor);
-        for (const std::string form : {"", "api ", "api2 ", "api3 "}) {
-            SCOPED_TRACE(named + " as \"send-sms " + form + "\"");
-            // Trigger requests are always taken; nothing is handed over, not
-            // even the previous job.
-            EXPECT_EQ(ask("send-sms " + form + named), form.size() > 4 ? "OK" : "");
-            EXPECT_EQ(read_file(survivor), before);
-            EXPECT_TRUE(exists(named));
-        }
-    }
+    try_all(false);  // nothing is handed over, not even the previous job
     EXPECT_EQ(queued_jobs(), "");
     EXPECT_EQ(file("var/config/api_stat.st"), api_before);
 
-    // The next good request, in the other spool directory, is the second and
-    // last thing txrx sees.
-    const std::string second = request_file(spool / "req", "second", "+4922");
+    // The next good request, in the other spool directory with the longest
+    // path taken (87 characters), is the second and last thing txrx sees.
+    std::string longest = spool / "";
+    longest += std::string(87 - longest.size(), 'y');
+    const std::string second = request_file(longest, "second", "+4922");
     EXPECT_EQ(ask("send-sms " + second), "");
     // Every datagram txrx-sim received, whatever it was, in order.
     auto seen = jobs();

@@ -46,11 +46,13 @@ TEST_F(DaemonCommands, RuleListFamily) {
     EXPECT_EQ(file("var/config/trigger_broadcast"), "");
 }
 
-// What txrx and the HTTP client are told is pinned with the settings commands;
-// here the shared word as another process sees it.
+// Most of what txrx and the HTTP client are told is pinned with the settings
+// commands; here the shared word as another process sees it, and the reset.
 TEST_F(DaemonCommands, SettingsFamily) {
+    UdpListener txrx(20202 + offset_);
+    ASSERT_TRUE(txrx.ok());
     write_file(path("var/config/international_dialing"), "int-dialing=enable\nmax-digits=13\n");
-    start();
+    start({}, false);  // the test plays txrx
     void* word = ::shmat(::shmget(static_cast<key_t>(16384 + offset_), 4, 0), nullptr, SHM_RDONLY);
     ASSERT_NE(word, reinterpret_cast<void*>(-1));
     auto published = [&] { return *static_cast<volatile int32_t*>(word); };
@@ -61,6 +63,8 @@ TEST_F(DaemonCommands, SettingsFamily) {
     EXPECT_EQ(published(), 15);
     EXPECT_EQ(file("var/config/international_dialing"), "int-dialing=disable\nmax-digits=15\n");
     ::shmdt(word);
+    EXPECT_EQ(ask("sms-modem-reset "), "SUCCESS");
+    EXPECT_EQ(txrx.receive(), "cmd reset_modem" + std::string(85, '\0'));
 }
 
 }  // namespace

@@ -6,9 +6,11 @@
 #include <signal.h>
 #include <sys/resource.h>
 
+#include "support/test_support.h"
+
 namespace smsgw::test {
 
-class FullDevice {
+class FullDevice : NoCopy {
   public:
     explicit FullDevice(rlim_t bytes) : old_handler_(::signal(SIGXFSZ, SIG_IGN)) {
         ::getrlimit(RLIMIT_FSIZE, &saved_);
@@ -20,8 +22,6 @@ class FullDevice {
         ::setrlimit(RLIMIT_FSIZE, &saved_);
         ::signal(SIGXFSZ, old_handler_);
     }
-    FullDevice(const FullDevice&) = delete;
-    FullDevice& operator=(const FullDevice&) = delete;
 
   private:
     rlimit saved_{};

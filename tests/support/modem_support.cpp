@@ -2,11 +2,9 @@
 
 #include <poll.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstring>
 
 #include "formats/job_file.h"
@@ -24,30 +22,24 @@ SimModem::SimModem(const std::string& root, const std::string& tty)
 
 std::string SimModem::ctl(const std::string& cmd) const {
     int fd = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    sockaddr_un self{};
-    self.sun_family = AF_UNIX;
-    sockaddr_un to{};
-    to.sun_family = AF_UNIX;
+    sockaddr_un self{AF_UNIX, {}}, to{AF_UNIX, {}};
     std::strncpy(to.sun_path, control_.c_str(), sizeof to.sun_path - 1);
-    std::string answer;
     char buf[256];
+    ssize_t n = -1;
     pollfd p{fd, POLLIN, 0};
     if (::bind(fd, reinterpret_cast<sockaddr*>(&self), sizeof(sa_family_t)) == 0 &&
         ::sendto(fd, cmd.data(), cmd.size(), 0, reinterpret_cast<sockaddr*>(&to), sizeof to) >= 0 &&
-        ::poll(&p, 1, 5000) > 0) {
-        ssize_t n = ::recv(fd, buf, sizeof buf, 0);
-        if (n > 0) answer.assign(buf, static_cast<size_t>(n));
-    }
+        ::poll(&p, 1, 5000) > 0)
+        n = ::recv(fd, buf, sizeof buf, 0);
     ::close(fd);
-    return answer;
+    return std::string(buf, static_cast<size_t>(std::max<ssize_t>(n, 0)));
 }
 
 std::vector<std::string> SimModem::lines(const std::string& prefix) const {
     return lines_starting(read_file(log_), prefix);
 }
 
-bool SimModem::wait_lines(const std::string& prefix, size_t n,
-                          std::chrono::milliseconds deadline) const {
+bool SimModem::wait_lines(const std::string& prefix, size_t n, Ms deadline) const {
     return wait_for([&] { return lines(prefix).size() >= n; }, deadline);
 }
 
@@ -62,42 +54,29 @@ std::unique_ptr<Child> start_txrx(const std::string& root, int offset, const std
     argv.push_back(TXRX_PATH);
     argv.insert(argv.end(), options.begin(), options.end());
     argv.push_back(device);
-    std::string tty = device.substr(device.rfind('/') + 1);
     return std::make_unique<Child>(
-        argv, root + "/txrx." + tty + ".err", "",
+        argv, root + "/txrx." + device.substr(device.rfind('/') + 1) + ".err", "",
         std::vector<std::string>{"SMSGW_ROOT=" + root,
                                  "SMSGW_PORT_OFFSET=" + std::to_string(offset)});
 }
 
 void install_txrx(const std::string& root, const std::vector<std::string>& options) {
-    // The wrapper keeps its own path as argv[0]: the daemon recognises its
-    // children by it.
-    std::string script = "#!/bin/bash\nexec -a \"$0\"";
-    for (const auto& w : exec_prefix()) script += " '" + w + "'";
-    script += " '" TXRX_PATH "'";
-    for (const auto& o : options) script += " '" + o + "'";
-    script += " \"$@\" 2>>\"$SMSGW_ROOT/txrx.err\"\n";
-    std::string path = root + "/bin/txrx";
-    ::unlink(path.c_str());
-    write_file(path, script);
-    ::chmod(path.c_str(), 0755);
+    std::vector<std::string> argv = exec_prefix();
+    argv.push_back(TXRX_PATH);
+    argv.insert(argv.end(), options.begin(), options.end());
+    write_txrx_wrapper(root, argv, " 2>>\"$SMSGW_ROOT/txrx.err\"");
 }
 
 std::string write_job(const std::string& root, const std::string& name, const std::string& text,
                       const std::vector<std::string>& numbers) {
-    std::string path = root + "/tmp/" + name;
     std::string image = encode_job_file(text, {});
-    for (const std::string& n : numbers)
-        image += std::string(n).append(50 - std::min<size_t>(n.size(), 50), '\0').substr(0, 50);
-    write_file(path, image);
-    return path;
+    for (const std::string& n : numbers) image += padded(n, 50);
+    write_file(root + "/tmp/" + name, image);
+    return root + "/tmp/" + name;
 }
 
 std::string handoff(const std::string& path, bool api) {
-    if (api) return "api " + path + std::string(1, '\0');
-    std::string d = path;
-    d.resize(100, '\0');
-    return d;
+    return api ? "api " + path + std::string(1, '\0') : padded(path, 100);
 }
 
 }  // namespace smsgw::test

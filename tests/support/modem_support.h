@@ -3,7 +3,6 @@
 // as DIR/bin/txrx for the daemon.
 #pragma once
 
-#include <chrono>
 #include <memory>
 #include <string>
 #include <vector>
@@ -20,8 +19,7 @@ class SimModem {
     std::string ctl(const std::string& cmd) const;
     // The log lines that begin with prefix ("SUBMIT ", "CMD ", ...).
     std::vector<std::string> lines(const std::string& prefix) const;
-    bool wait_lines(const std::string& prefix, size_t n,
-                    std::chrono::milliseconds deadline = std::chrono::milliseconds(10000)) const;
+    bool wait_lines(const std::string& prefix, size_t n, Ms deadline = Ms(10000)) const;
 
   private:
     std::string log_;

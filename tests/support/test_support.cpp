@@ -1,36 +1,28 @@
 #include "support/test_support.h"
 
 #include <arpa/inet.h>
-#include <dirent.h>
 #include <fcntl.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <signal.h>
-#include <sys/ipc.h>
 #include <sys/shm.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <random>
 #include <sstream>
-#include <thread>
 
 namespace smsgw::test {
 
+namespace fs = std::filesystem;
+
 namespace {
 
-void mkdirs(const std::string& path) {
-    std::error_code ec;
-    std::filesystem::create_directories(path, ec);
-}
+const char* const kProbe = "get-sms total-entries groups^|^";
 
 sockaddr_in loopback(int port) {
     sockaddr_in a{};
@@ -60,12 +52,9 @@ pid_t spawn(std::vector<std::string> argv, const std::string& out, const std::st
 // True once a process has released what it held (its ports above all):
 // gone from /proc, or a zombie nobody has reaped yet.
 bool process_ended(pid_t pid) {
-    std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
-    std::string stat;
-    if (!std::getline(in, stat)) return true;
+    std::string stat = read_file("/proc/" + std::to_string(pid) + "/stat");
     size_t close = stat.rfind(')');
-    return close == std::string::npos || stat.compare(close, 4, ") Z ") == 0 ||
-           stat.compare(close, 4, ") X ") == 0;
+    return close == std::string::npos || stat.find_first_of("ZX", close) == close + 2;
 }
 
 // Ends every process whose program (argv[0]) lies under root and waits
@@ -75,20 +64,14 @@ bool process_ended(pid_t pid) {
 // to die.
 void kill_root_children(const std::string& root) {
     std::vector<pid_t> killed;
-    DIR* d = ::opendir("/proc");
-    if (!d) return;
-    while (dirent* e = ::readdir(d)) {
-        pid_t pid = static_cast<pid_t>(std::atoi(e->d_name));
-        if (pid <= 0) continue;
-        std::ifstream in("/proc/" + std::string(e->d_name) + "/cmdline", std::ios::binary);
-        std::string arg0;
-        std::getline(in, arg0, '\0');
-        if (arg0.compare(0, root.size() + 1, root + "/") == 0 && ::kill(pid, SIGKILL) == 0)
+    std::error_code ec;
+    for (const auto& e : fs::directory_iterator("/proc", ec)) {
+        pid_t pid = static_cast<pid_t>(std::atoi(e.path().filename().c_str()));
+        if (pid > 0 && read_file(e.path() / "cmdline").rfind(root + "/", 0) == 0 &&
+            ::kill(pid, SIGKILL) == 0)
             killed.push_back(pid);
     }
-    ::closedir(d);
-    wait_for([&] { return std::all_of(killed.begin(), killed.end(), process_ended); },
-             std::chrono::milliseconds(10000));
+    wait_for([&] { return std::all_of(killed.begin(), killed.end(), process_ended); }, Ms(10000));
 }
 
 }  // namespace
@@ -105,55 +88,36 @@ TxrxLaunch txrx_launch() {
     return {TXRX_SIM_PATH, exec_prefix()};
 }
 
-TxrxLaunch txrx_child_launch() {
-    TxrxLaunch launch = txrx_launch();
-    const std::string host = TXRX_SIM_PATH "-host";
-    if (!launch.prefix.empty() && ::access(host.c_str(), X_OK) == 0) return {host, {}};
-    return launch;
-}
-
 TempDir::TempDir() {
     const char* base = std::getenv("TMPDIR");
-    std::string tmpl = std::string(base && *base ? base : "/tmp") + "/smsgw-test-XXXXXX";
-    std::vector<char> buf(tmpl.begin(), tmpl.end());
-    buf.push_back('\0');
-    if (::mkdtemp(buf.data()) == nullptr) std::abort();
-    path_ = buf.data();
+    path_ = std::string(base && *base ? base : "/tmp") + "/smsgw-test-XXXXXX";
+    if (::mkdtemp(path_.data()) == nullptr) std::abort();
 }
 
 TempDir::~TempDir() {
     std::error_code ec;
-    std::filesystem::remove_all(path_, ec);
-}
-
-// True when nothing holds any UDP port the daemon and its txrx use at this
-// offset. Other daemons, simulators and benchmarks run on the same machine
-// at the same time; one of them on our txrx port would swallow our jobs.
-bool ports_free(int offset) {
-    for (int base : {20202, 20203, 20204, 20205, 20206, 20207, 30303})
-        if (!UdpClient(base + offset).ok()) return false;
-    return true;
+    fs::remove_all(path_, ec);
 }
 
 int random_port_offset() {
     static std::mt19937 rng{std::random_device{}()};
+    // Other daemons, simulators and benchmarks run on the same machine at
+    // the same time; one of them on our txrx port would swallow our jobs.
     // Ports 20202+off .. 30303+off must stay below 65536.
+    auto free = [](int offset) {
+        for (int base : {20202, 20203, 20204, 20205, 20206, 20207, 30303})
+            if (!UdpClient(base + offset).ok()) return false;
+        return true;
+    };
     int offset = 0;
-    for (int attempt = 0; attempt < 50; ++attempt) {
-        offset = 100 + static_cast<int>(rng() % 3000) * 10;
-        if (ports_free(offset)) break;
-    }
+    for (int attempt = 0; attempt < 50; ++attempt)
+        if (free(offset = 100 + static_cast<int>(rng() % 3000) * 10)) break;
     return offset;
 }
 
-std::string rec(const std::string& text) {
-    return std::to_string(text.size()) + text;
-}
-
-std::string sms_record(const std::string& sender, const std::string& text) {
-    std::string field = sender.substr(0, 50);
-    field.resize(50, '\0');
-    return field + text;
+std::string padded(std::string s, size_t n) {
+    s.resize(n, '\0');
+    return s;
 }
 
 size_t count_of(const std::string& text, const std::string& what) {
@@ -162,30 +126,23 @@ size_t count_of(const std::string& text, const std::string& what) {
     return n;
 }
 
-std::string i32_bytes(int32_t v) {
-    return std::string(reinterpret_cast<const char*>(&v), 4);
+template <class T>
+T int_at(const std::string& bytes, size_t offset) {
+    T v = 0;
+    if (offset + sizeof v <= bytes.size()) std::memcpy(&v, bytes.data() + offset, sizeof v);
+    return v;
 }
-
 int32_t i32_at(const std::string& bytes, size_t offset) {
-    int32_t v = 0;
-    if (offset + 4 <= bytes.size()) std::memcpy(&v, bytes.data() + offset, 4);
-    return v;
+    return int_at<int32_t>(bytes, offset);
 }
-
 int16_t i16_at(const std::string& bytes, size_t offset) {
-    int16_t v = 0;
-    if (offset + 2 <= bytes.size()) std::memcpy(&v, bytes.data() + offset, 2);
-    return v;
+    return int_at<int16_t>(bytes, offset);
 }
 
 std::string api_stat_image(std::initializer_list<int32_t> ids, int16_t status) {
     std::string image(4, '\0');
-    for (int32_t id : ids) {
-        std::string record = i32_bytes(id);
-        record.append(reinterpret_cast<const char*>(&status), 2);
-        record.resize(60, '\0');
-        image += record;
-    }
+    for (int32_t id : ids)
+        image += padded(i32_bytes(id) + std::string(reinterpret_cast<char*>(&status), 2), 60);
     return image;
 }
 
@@ -197,7 +154,6 @@ int api_status_of(const std::string& image, int32_t id) {
 
 std::set<std::string> tree_below(const std::string& root, bool with_dirs) {
     std::set<std::string> out;
-    namespace fs = std::filesystem;
     std::error_code ec;
     for (const auto& e : fs::recursive_directory_iterator(root, ec))
         if (with_dirs || !e.is_directory() || e.is_symlink())
@@ -214,10 +170,9 @@ std::vector<std::string> lines_starting(const std::string& text, const std::stri
 }
 
 void write_file(const std::string& path, const std::string& content) {
-    size_t slash = path.rfind('/');
-    if (slash != std::string::npos) mkdirs(path.substr(0, slash));
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out << content;
+    std::error_code ec;
+    fs::create_directories(fs::path(path).parent_path(), ec);
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
 }
 
 std::string read_file(const std::string& path) {
@@ -232,52 +187,59 @@ bool exists(const std::string& path) {
     return ::lstat(path.c_str(), &st) == 0;
 }
 
-bool wait_for(const std::function<bool()>& pred, std::chrono::milliseconds deadline) {
-    auto end = std::chrono::steady_clock::now() + deadline;
-    while (std::chrono::steady_clock::now() < end) {
+bool wait_for(const std::function<bool()>& pred, Ms deadline) {
+    for (auto end = std::chrono::steady_clock::now() + deadline;
+         std::chrono::steady_clock::now() < end; std::this_thread::sleep_for(Ms(20)))
         if (pred()) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
     return pred();
+}
+
+void write_txrx_wrapper(const std::string& root, const std::vector<std::string>& argv,
+                        const std::string& redirect) {
+    std::string script = "#!/bin/bash\nexec -a \"$0\"";
+    for (const auto& w : argv) script += " '" + w + "'";
+    std::string path = root + "/bin/txrx";
+    ::unlink(path.c_str());  // not through the link to the simulator
+    write_file(path, script + " \"$@\"" + redirect + "\n");
+    ::chmod(path.c_str(), 0755);
 }
 
 void prepare_root(const std::string& root) {
     for (const char* d : {"var/run", "var/config", "var/Jobs", "var/Outbox", "var/Inbox",
                           "var/AddressBook", "var/tmp", "tmp", "dev", "bin", "sbin"})
-        mkdirs(root + "/" + d);
+        fs::create_directories(root + "/" + d);
     // A header and no records: the daemon only updates records it finds.
     write_file(root + "/var/config/api_stat.st", std::string(4, '\0'));
     for (const char* f : {"trigger_broadcast", "preconf_sms", "trigger_ctrl", "authenticate_list"})
         write_file(root + "/var/config/" + f, "");
-    const TxrxLaunch txrx = txrx_child_launch();
-    if (txrx.prefix.empty()) {
-        ::symlink(txrx.program.c_str(), (root + "/bin/txrx").c_str());
+    // In a cross build the simulator made for this machine is used when
+    // present: an emulated one takes a few hundred milliseconds to listen,
+    // while the daemon hands a queued job over on its first pass after
+    // starting txrx. It handles text only here, so byte order does not
+    // matter. Without binfmt_misc the daemon cannot exec an emulated one.
+    const std::string host = TXRX_SIM_PATH "-host";
+    std::vector<std::string> sim = exec_prefix();
+    if (sim.empty() || ::access(host.c_str(), X_OK) == 0) {
+        ::symlink(sim.empty() ? TXRX_SIM_PATH : host.c_str(), (root + "/bin/txrx").c_str());
     } else {
-        // Without binfmt_misc the daemon cannot exec the simulator itself;
-        // the wrapper keeps its own path as argv[0] so that the process
-        // still counts as one of this root's children.
-        std::string script = "#!/bin/bash\nexec -a \"$0\"";
-        for (const auto& w : txrx.prefix) script += " '" + w + "'";
-        script += " '" + txrx.program + "' \"$@\"\n";
-        write_file(root + "/bin/txrx", script);
-        ::chmod((root + "/bin/txrx").c_str(), 0755);
+        sim.emplace_back(TXRX_SIM_PATH);
+        write_txrx_wrapper(root, sim);
     }
-    const std::string recorder =
-        "#!/bin/sh\necho \"$(basename \"$0\") $*\" >> \"$SMSGW_ROOT/calls.log\"\n";
     for (const char* p :
          {"bin/msntp", "bin/http-client", "bin/date", "sbin/create_address_book_tar"}) {
-        write_file(root + "/" + p, recorder);
+        write_file(root + "/" + p,
+                   "#!/bin/sh\necho \"$(basename \"$0\") $*\" >> \"$SMSGW_ROOT/calls.log\"\n");
         ::chmod((root + "/" + p).c_str(), 0755);
     }
 }
 
 Daemon::Daemon(std::string root, int port_offset, std::vector<std::string> extra_args)
-    : root_(std::move(root)), offset_(port_offset), err_path_(root_ + "/daemon.stderr") {
+    : root_(std::move(root)), offset_(port_offset) {
     std::vector<std::string> argv = exec_prefix();
-    for (const char* a : {SMSGWD_PATH, "--root"}) argv.emplace_back(a);
-    argv.insert(argv.end(), {root_, "--port-offset", std::to_string(offset_)});
+    argv.insert(argv.end(),
+                {SMSGWD_PATH, "--root", root_, "--port-offset", std::to_string(offset_)});
     argv.insert(argv.end(), extra_args.begin(), extra_args.end());
-    pid_ = spawn(std::move(argv), err_path_, "", O_APPEND);
+    pid_ = spawn(std::move(argv), root_ + "/daemon.stderr", "", O_APPEND);
 }
 
 Daemon::~Daemon() {
@@ -295,31 +257,17 @@ void Daemon::kill_now(int sig) {
 }
 
 bool Daemon::running() {
-    if (pid_ <= 0) return false;
     int status = 0;
-    pid_t r = ::waitpid(pid_, &status, WNOHANG);
-    if (r == pid_) {
-        pid_ = -1;
-        exit_status_ = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-        return false;
-    }
-    return true;
-}
-
-bool Daemon::wait_ready(std::chrono::milliseconds deadline) {
-    auto end = std::chrono::steady_clock::now() + deadline;
-    UdpClient c;
-    while (std::chrono::steady_clock::now() < end) {
-        if (!running()) return false;
-        auto r = c.request(20205 + offset_, "get-sms total-entries groups^|^",
-                           std::chrono::milliseconds(300));
-        if (r) return true;
-    }
+    if (pid_ <= 0 || ::waitpid(pid_, &status, WNOHANG) != pid_) return pid_ > 0;
+    pid_ = -1;
+    exit_status_ = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     return false;
 }
 
-std::string Daemon::stderr_text() const {
-    return read_file(err_path_);
+bool Daemon::wait_ready(Ms deadline) {
+    UdpClient c;
+    auto answered = [&] { return !running() || c.request(20205 + offset_, kProbe, Ms(300)); };
+    return wait_for(answered, deadline) && running();
 }
 
 UdpClient::UdpClient(int port) : fd_(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
@@ -338,7 +286,7 @@ void UdpClient::send_to(int port, const std::string& data) {
     ::sendto(fd_, data.data(), data.size(), 0, reinterpret_cast<sockaddr*>(&a), sizeof a);
 }
 
-std::optional<std::string> UdpClient::receive(std::chrono::milliseconds deadline) {
+std::optional<std::string> UdpClient::receive(Ms deadline) {
     pollfd p{fd_, POLLIN, 0};
     if (fd_ < 0 || ::poll(&p, 1, static_cast<int>(deadline.count())) <= 0) return std::nullopt;
     char buf[70000];
@@ -348,10 +296,9 @@ std::optional<std::string> UdpClient::receive(std::chrono::milliseconds deadline
     return std::string(buf, static_cast<size_t>(n));
 }
 
-std::optional<std::string> UdpClient::request(int port, const std::string& text,
-                                              std::chrono::milliseconds deadline) {
+std::optional<std::string> UdpClient::request(int port, const std::string& text, Ms deadline) {
     // Drop a late reply to an earlier request.
-    while (receive(std::chrono::milliseconds(0))) {
+    while (receive(Ms(0))) {
     }
     send_to(port, std::to_string(text.size()));
     send_to(port, text);
@@ -372,16 +319,12 @@ Child::~Child() {
     ::waitpid(pid_, nullptr, 0);
 }
 
-int Child::finish(std::chrono::milliseconds deadline) {
+int Child::finish(Ms deadline) {
     int status = 0;
     if (pid_ <= 0 || !wait_for([&] { return ::waitpid(pid_, &status, WNOHANG) == pid_; }, deadline))
         return -1;
     pid_ = -1;
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
-DaemonFixture::DaemonFixture() {
-    prepare_root(root_.path());
 }
 
 DaemonFixture::~DaemonFixture() {
@@ -394,12 +337,11 @@ DaemonFixture::~DaemonFixture() {
 
 void DaemonFixture::start(std::vector<std::string> extra_args, bool wait_txrx) {
     daemon_ = std::make_unique<Daemon>(root_.path(), offset_, std::move(extra_args));
-    ASSERT_TRUE(daemon_->wait_ready()) << daemon_->stderr_text();
+    ASSERT_TRUE(daemon_->wait_ready()) << daemon_log();
     if (!wait_txrx) return;
     ++starts_;
-    ASSERT_TRUE(wait_for([&] { return sim_lines("START ").size() >= starts_; },
-                         std::chrono::milliseconds(10000)))
-        << daemon_->stderr_text();
+    ASSERT_TRUE(wait_for([&] { return sim_lines("START ").size() >= starts_; }, Ms(10000)))
+        << daemon_log();
 }
 
 void DaemonFixture::seed_contacts(const std::string& address_book, const std::string& groups) {
@@ -412,55 +354,17 @@ void DaemonFixture::set_env(const std::string& name, const std::string& value) {
     env_set_.push_back(name);
 }
 
-std::string DaemonFixture::file(const std::string& rel) const {
-    return read_file(path(rel));
-}
-
-bool DaemonFixture::wait_file(const std::string& rel, const std::string& content,
-                              std::chrono::milliseconds deadline) const {
-    return wait_for([&] { return file(rel) == content; }, deadline);
-}
-
-std::string DaemonFixture::spool_file(const std::string& name, const std::string& bytes) const {
-    write_file(path("tmp/" + name), bytes);
-    return path("tmp/" + name);
-}
-
-std::optional<std::string> DaemonFixture::request(const std::string& text) {
-    return client_.request(20205 + offset_, text);
-}
-
-std::string DaemonFixture::ask(const std::string& text) {
-    return request(text).value_or("<no reply>");
-}
-
-void DaemonFixture::report(const std::string& datagram) {
-    client_.send_to(20206 + offset_, datagram);
-}
-
-void DaemonFixture::incoming(const std::string& sender, const std::string& text) {
-    report("SMS:" + sms_record(sender, text));
-}
-
 void DaemonFixture::settle() {
-    EXPECT_TRUE(request("get-sms total-entries groups^|^").has_value());
+    EXPECT_TRUE(request(kProbe).has_value());
 }
 
-std::vector<std::string> DaemonFixture::sim_lines(const std::string& prefix) const {
-    return lines_starting(file("var/run/txrx-sim.log"), prefix);
-}
-
-bool DaemonFixture::wait_jobs(size_t n, std::chrono::milliseconds deadline) const {
-    return wait_for([&] { return jobs().size() >= n; }, deadline);
-}
-
-PtyModem::PtyModem(std::string answer) : answer_(std::move(answer)) {
+PtyModem::PtyModem(const std::string& answer) {
     master_ = ::posix_openpt(O_RDWR | O_NOCTTY);
     if (master_ < 0 || ::grantpt(master_) != 0 || ::unlockpt(master_) != 0) std::abort();
     slave_path_ = ::ptsname(master_);
     // Held open so the master never sees a hang-up between the prober's opens.
     slave_ = ::open(slave_path_.c_str(), O_RDWR | O_NOCTTY);
-    thread_ = std::thread([this] { serve(); });
+    thread_ = std::thread([this, answer] { serve(answer); });
 }
 
 PtyModem::~PtyModem() {
@@ -470,28 +374,17 @@ PtyModem::~PtyModem() {
     ::close(master_);
 }
 
-std::string PtyModem::received() {
-    std::lock_guard<std::mutex> lock(mu_);
-    return received_;
-}
-
-void PtyModem::serve() {
+void PtyModem::serve(const std::string& answer) {
     std::string got;
+    char buf[64];
     while (!stop_ && got.find("\r\n") == std::string::npos) {
         pollfd p{master_, POLLIN, 0};
-        if (::poll(&p, 1, 50) <= 0) continue;
-        char buf[64];
-        ssize_t n = ::read(master_, buf, sizeof buf);
+        ssize_t n = ::poll(&p, 1, 50) > 0 ? ::read(master_, buf, sizeof buf) : 0;
         if (n > 0) got.append(buf, static_cast<size_t>(n));
     }
-    {
-        std::lock_guard<std::mutex> lock(mu_);
-        received_ = got;
-    }
-    if (!stop_ && !answer_.empty()) {
-        ssize_t n = ::write(master_, answer_.data(), answer_.size());
-        (void)n;
-    }
+    std::lock_guard<std::mutex> lock(mu_);
+    received_ = got;
+    [[maybe_unused]] ssize_t n = stop_ ? 0 : ::write(master_, answer.data(), answer.size());
 }
 
 }  // namespace smsgw::test

@@ -4,13 +4,11 @@
 
 #include <gtest/gtest.h>
 #include <netinet/in.h>
-#include <sys/types.h>
 
 #include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <functional>
-#include <initializer_list>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -21,13 +19,20 @@
 
 namespace smsgw::test {
 
+using Ms = std::chrono::milliseconds;
+
+// A base for the owners of processes, descriptors and directories.
+struct NoCopy {
+    NoCopy() = default;
+    NoCopy(const NoCopy&) = delete;
+    NoCopy& operator=(const NoCopy&) = delete;
+};
+
 // A fresh temporary directory, removed with everything in it at the end.
-class TempDir {
+class TempDir : NoCopy {
   public:
     TempDir();
     ~TempDir();
-    TempDir(const TempDir&) = delete;
-    TempDir& operator=(const TempDir&) = delete;
     const std::string& path() const { return path_; }
     std::string operator/(const std::string& rel) const { return path_ + "/" + rel; }
 
@@ -40,37 +45,34 @@ class TempDir {
 // empty for native builds.
 std::vector<std::string> exec_prefix();
 
-// How to run txrx-sim: natively (an empty prefix) or under the emulator
-// `prefix`.
+// How to run txrx-sim for its commands (inject, request, loopback): in a
+// cross build under the emulator, so that what it writes into the root's
+// binary files (the inbox record lengths) has the daemon's byte order.
 struct TxrxLaunch {
     std::string program;
     std::vector<std::string> prefix;
 };
-// For its commands (inject, request, loopback): in a cross build under the
-// emulator, so that what it writes into the root's binary files (the inbox
-// record lengths) has the daemon's byte order.
 TxrxLaunch txrx_launch();
-// For the transceiver the daemon starts as DIR/bin/txrx. A cross build also
-// makes the simulator for this machine (txrx-sim-host), used here when
-// present: an emulated one takes a few hundred milliseconds to listen,
-// while the daemon hands a queued job over on its first pass after starting
-// txrx. As a transceiver the simulator handles text only (job files, pid
-// file, log, reports), so byte order does not matter there. Without it,
-// DIR/bin/txrx is a wrapper that keeps argv[0] and runs `program` under
-// `prefix`.
-TxrxLaunch txrx_child_launch();
 
 // A port offset unlikely to collide with other tests running at once.
 int random_port_offset();
 
+// `s` cut or padded with NULs to n bytes: a fixed-size text field.
+std::string padded(std::string s, size_t n);
 // A rule-list record: the text behind its decimal length.
-std::string rec(const std::string& text);
+inline std::string rec(const std::string& text) {
+    return std::to_string(text.size()) + text;
+}
 // An incoming SMS record as txrx reports it: sender char[50], then the text.
-std::string sms_record(const std::string& sender, const std::string& text);
+inline std::string sms_record(const std::string& sender, const std::string& text) {
+    return padded(sender, 50) + text;
+}
 // How often `what` occurs in `text` (overlaps counted).
 size_t count_of(const std::string& text, const std::string& what);
 // Host-order integers in byte images; reads past the end give 0.
-std::string i32_bytes(int32_t v);
+inline std::string i32_bytes(int32_t v) {
+    return std::string(reinterpret_cast<char*>(&v), 4);
+}
 int32_t i32_at(const std::string& bytes, size_t offset);
 int16_t i16_at(const std::string& bytes, size_t offset);
 // An api_stat.st image: the 4-byte header and one 60-byte record per id,
@@ -90,60 +92,55 @@ std::string read_file(const std::string& path);  // "" when missing
 bool exists(const std::string& path);
 
 // Polls until pred() holds or the deadline passes; returns pred()'s last value.
-bool wait_for(const std::function<bool()>& pred,
-              std::chrono::milliseconds deadline = std::chrono::milliseconds(5000));
+bool wait_for(const std::function<bool()>& pred, Ms deadline = Ms(5000));
 
 // Prepares a sandbox root: the directories the daemon expects, an empty
 // api status file, and DIR/bin/txrx (the simulator), DIR/bin/msntp,
 // DIR/bin/http-client and DIR/bin/date, DIR/sbin/create_address_book_tar
 // as small recording scripts.
 void prepare_root(const std::string& root);
+// Replaces DIR/bin/txrx by a script that runs `argv` with its own arguments
+// appended and then `redirect`. It keeps its own path as argv[0]: the daemon
+// recognises its children by it.
+void write_txrx_wrapper(const std::string& root, const std::vector<std::string>& argv,
+                        const std::string& redirect = "");
 
 // The running daemon; stopped with SIGKILL (and reaped) on destruction,
 // together with the txrx processes started for its root.
-class Daemon {
+class Daemon : NoCopy {
   public:
     Daemon(std::string root, int port_offset, std::vector<std::string> extra_args = {});
     ~Daemon();
-    Daemon(const Daemon&) = delete;
-    Daemon& operator=(const Daemon&) = delete;
-
     // Waits until the daemon answers a management command.
-    bool wait_ready(std::chrono::milliseconds deadline = std::chrono::milliseconds(10000));
+    bool wait_ready(Ms deadline = Ms(10000));
     void kill_now(int sig = 9);
     bool running();  // reaps the daemon once it has ended
     pid_t pid() const { return pid_; }
     // Its exit status once running() saw it end; -1 before, or after a signal.
     int exit_status() const { return exit_status_; }
     // Standard error captured so far.
-    std::string stderr_text() const;
+    std::string stderr_text() const { return read_file(root_ + "/daemon.stderr"); }
 
   private:
     std::string root_;
     int offset_;
     pid_t pid_ = -1;
     int exit_status_ = -1;
-    std::string err_path_;
 };
 
 // A UDP client on 127.0.0.1.
-class UdpClient {
+class UdpClient : NoCopy {
   public:
     // Bound to 127.0.0.1:port, any free port for 0 (ok() tells whether the
     // port was free).
     explicit UdpClient(int port = 0);
     ~UdpClient();
-    UdpClient(const UdpClient&) = delete;
-    UdpClient& operator=(const UdpClient&) = delete;
     bool ok() const { return fd_ >= 0; }
     void send_to(int port, const std::string& data);
     // One datagram, or nullopt when none arrives in time.
-    std::optional<std::string> receive(
-        std::chrono::milliseconds deadline = std::chrono::milliseconds(3000));
+    std::optional<std::string> receive(Ms deadline = Ms(3000));
     // The web-interface framing: the length datagram, then the request.
-    std::optional<std::string> request(
-        int port, const std::string& text,
-        std::chrono::milliseconds deadline = std::chrono::milliseconds(5000));
+    std::optional<std::string> request(int port, const std::string& text, Ms deadline = Ms(5000));
     // Answers the sender of the last datagram received.
     void reply(const std::string& data);
 
@@ -153,8 +150,7 @@ class UdpClient {
 };
 
 // A fake peer on a fixed port, such as txrx's.
-class UdpListener : public UdpClient {
-  public:
+struct UdpListener : UdpClient {
     explicit UdpListener(int port) : UdpClient(port) {}
 };
 
@@ -162,16 +158,14 @@ class UdpListener : public UdpClient {
 // going to files (both to out_path when err_path is empty), with extra
 // "NAME=value" environment entries. Killed and reaped if still running at
 // the end.
-class Child {
+class Child : NoCopy {
   public:
     Child(std::vector<std::string> argv, const std::string& out_path,
           const std::string& err_path = "", const std::vector<std::string>& env = {});
     ~Child();
-    Child(const Child&) = delete;
-    Child& operator=(const Child&) = delete;
     // Waits for the end: the exit status, or -1 when the program did not
     // exit normally within the deadline (it is killed then).
-    int finish(std::chrono::milliseconds deadline = std::chrono::milliseconds(15000));
+    int finish(Ms deadline = Ms(15000));
 
   private:
     pid_t pid_ = -1;
@@ -181,7 +175,7 @@ class Child {
 // client and the files and logs the integration tests look at.
 class DaemonFixture : public ::testing::Test {
   protected:
-    DaemonFixture();
+    DaemonFixture() { prepare_root(root_.path()); }
     ~DaemonFixture() override;
 
     // Starts the daemon (again after stop()), waits until it answers and
@@ -197,29 +191,41 @@ class DaemonFixture : public ::testing::Test {
     void set_env(const std::string& name, const std::string& value);
 
     std::string path(const std::string& rel) const { return root_ / rel; }
-    std::string file(const std::string& rel) const;
+    std::string file(const std::string& rel) const { return read_file(path(rel)); }
     // Waits until the file under the root holds exactly `content`.
     bool wait_file(const std::string& rel, const std::string& content,
-                   std::chrono::milliseconds deadline = std::chrono::milliseconds(10000)) const;
+                   Ms deadline = Ms(10000)) const {
+        return wait_for([&] { return file(rel) == content; }, deadline);
+    }
     // Writes DIR/tmp/name (a spool directory by default), returns its path.
-    std::string spool_file(const std::string& name, const std::string& bytes) const;
+    std::string spool_file(const std::string& name, const std::string& bytes) const {
+        write_file(path("tmp/" + name), bytes);
+        return path("tmp/" + name);
+    }
 
     // A web-interface request and its reply (nullopt when none came).
-    std::optional<std::string> request(const std::string& text);
+    std::optional<std::string> request(const std::string& text) {
+        return client_.request(20205 + offset_, text);
+    }
     // The same, "<no reply>" when none came.
-    std::string ask(const std::string& text);
+    std::string ask(const std::string& text) { return request(text).value_or("<no reply>"); }
     // A datagram to the report port txrx sends to, and an incoming SMS.
-    void report(const std::string& datagram);
-    void incoming(const std::string& sender, const std::string& text);
+    void report(const std::string& datagram) { client_.send_to(20206 + offset_, datagram); }
+    void incoming(const std::string& sender, const std::string& text) {
+        report("SMS:" + sms_record(sender, text));
+    }
     // A report is read before a web request that follows it: once a probe
     // is answered, every earlier report has been handled.
     void settle();
 
     // txrx-sim's log lines that begin with prefix, and its JOB lines.
-    std::vector<std::string> sim_lines(const std::string& prefix) const;
+    std::vector<std::string> sim_lines(const std::string& prefix) const {
+        return lines_starting(file("var/run/txrx-sim.log"), prefix);
+    }
     std::vector<std::string> jobs() const { return sim_lines("JOB "); }
-    bool wait_jobs(size_t n,
-                   std::chrono::milliseconds deadline = std::chrono::milliseconds(10000)) const;
+    bool wait_jobs(size_t n, Ms deadline = Ms(10000)) const {
+        return wait_for([&] { return jobs().size() >= n; }, deadline);
+    }
     // The daemon's standard error (its system log lines among it).
     std::string daemon_log() const { return daemon_ ? daemon_->stderr_text() : ""; }
 
@@ -238,18 +244,18 @@ class DaemonFixture : public ::testing::Test {
 // DIR/dev/ttySN to slave_path() to have the daemon probe it.
 class PtyModem {
   public:
-    explicit PtyModem(std::string answer);
+    explicit PtyModem(const std::string& answer);
     ~PtyModem();
-    PtyModem(const PtyModem&) = delete;
-    PtyModem& operator=(const PtyModem&) = delete;
     const std::string& slave_path() const { return slave_path_; }
     // The command line received so far ("" before it is complete).
-    std::string received();
+    std::string received() {
+        std::lock_guard<std::mutex> lock(mu_);
+        return received_;
+    }
 
   private:
-    void serve();
+    void serve(const std::string& answer);
 
-    std::string answer_;
     int master_ = -1;
     int slave_ = -1;
     std::string slave_path_;

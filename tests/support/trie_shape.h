@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdio>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -58,21 +59,17 @@ inline std::vector<std::string> members(const Group* g) {
 // A listing into a temporary stream.
 class Capture {
   public:
-    Capture() : f_(std::tmpfile()) { listing.output = f_; }
-    ~Capture() { std::fclose(f_); }
-    Capture(const Capture&) = delete;
-    Capture& operator=(const Capture&) = delete;
+    Capture() { listing.output = f_.get(); }
     std::string text() {
-        std::fflush(f_);
-        std::rewind(f_);
+        std::rewind(f_.get());  // flushes what the listing wrote
         std::string s;
-        for (int c; (c = std::fgetc(f_)) != EOF;) s += static_cast<char>(c);
+        for (int c; (c = std::fgetc(f_.get())) != EOF;) s += static_cast<char>(c);
         return s;
     }
     Listing listing;
 
   private:
-    FILE* f_;
+    std::unique_ptr<FILE, int (*)(FILE*)> f_{std::tmpfile(), &std::fclose};
 };
 
 }  // namespace smsgw::test

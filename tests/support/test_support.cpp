@@ -74,6 +74,14 @@ void kill_root_children(const std::string& root) {
     wait_for([&] { return std::all_of(killed.begin(), killed.end(), process_ended); }, Ms(10000));
 }
 
+std::vector<std::string> daemon_argv(const std::string& root, int offset,
+                                     std::vector<std::string> extra) {
+    std::vector<std::string> argv = exec_prefix();
+    argv.insert(argv.end(), {SMSGWD_PATH, "--root", root, "--port-offset", std::to_string(offset)});
+    argv.insert(argv.end(), extra.begin(), extra.end());
+    return argv;
+}
+
 }  // namespace
 
 std::vector<std::string> exec_prefix() {
@@ -233,35 +241,15 @@ void prepare_root(const std::string& root) {
     }
 }
 
-Daemon::Daemon(std::string root, int port_offset, std::vector<std::string> extra_args)
-    : root_(std::move(root)), offset_(port_offset) {
-    std::vector<std::string> argv = exec_prefix();
-    argv.insert(argv.end(),
-                {SMSGWD_PATH, "--root", root_, "--port-offset", std::to_string(offset_)});
-    argv.insert(argv.end(), extra_args.begin(), extra_args.end());
-    pid_ = spawn(std::move(argv), root_ + "/daemon.stderr", "", O_APPEND);
-}
+Daemon::Daemon(const std::string& root, int port_offset, std::vector<std::string> extra_args)
+    : Child(daemon_argv(root, port_offset, std::move(extra_args)), root + "/daemon.stderr", "", {},
+            true),
+      root_(root),
+      offset_(port_offset) {}
 
 Daemon::~Daemon() {
-    kill_now(SIGKILL);
+    kill_now();
     kill_root_children(root_);
-}
-
-void Daemon::kill_now(int sig) {
-    if (pid_ <= 0) return;
-    ::kill(pid_, sig);
-    if (sig == SIGKILL) {
-        ::waitpid(pid_, nullptr, 0);
-        pid_ = -1;
-    }
-}
-
-bool Daemon::running() {
-    int status = 0;
-    if (pid_ <= 0 || ::waitpid(pid_, &status, WNOHANG) != pid_) return pid_ > 0;
-    pid_ = -1;
-    exit_status_ = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    return false;
 }
 
 bool Daemon::wait_ready(Ms deadline) {
@@ -310,21 +298,23 @@ void UdpClient::reply(const std::string& data) {
 }
 
 Child::Child(std::vector<std::string> argv, const std::string& out_path,
-             const std::string& err_path, const std::vector<std::string>& env)
-    : pid_(spawn(std::move(argv), out_path, err_path, O_TRUNC, env)) {}
+             const std::string& err_path, const std::vector<std::string>& env, bool append)
+    : pid_(spawn(std::move(argv), out_path, err_path, append ? O_APPEND : O_TRUNC, env)) {}
 
-Child::~Child() {
+void Child::kill_now(int sig) {
     if (pid_ <= 0) return;
-    ::kill(pid_, SIGKILL);
+    ::kill(pid_, sig);
+    if (sig != SIGKILL) return;
     ::waitpid(pid_, nullptr, 0);
+    pid_ = -1;
 }
 
-int Child::finish(Ms deadline) {
+bool Child::running() {
     int status = 0;
-    if (pid_ <= 0 || !wait_for([&] { return ::waitpid(pid_, &status, WNOHANG) == pid_; }, deadline))
-        return -1;
+    if (pid_ <= 0 || ::waitpid(pid_, &status, WNOHANG) != pid_) return pid_ > 0;
     pid_ = -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    exit_status_ = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return false;
 }
 
 DaemonFixture::~DaemonFixture() {
@@ -358,33 +348,30 @@ void DaemonFixture::settle() {
     EXPECT_TRUE(request(kProbe).has_value());
 }
 
-PtyModem::PtyModem(const std::string& answer) {
-    master_ = ::posix_openpt(O_RDWR | O_NOCTTY);
+PtyModem::PtyModem(const std::string& answer) : master_(::posix_openpt(O_RDWR | O_NOCTTY)) {
     if (master_ < 0 || ::grantpt(master_) != 0 || ::unlockpt(master_) != 0) std::abort();
     slave_path_ = ::ptsname(master_);
     // Held open so the master never sees a hang-up between the prober's opens.
     slave_ = ::open(slave_path_.c_str(), O_RDWR | O_NOCTTY);
-    thread_ = std::thread([this, answer] { serve(answer); });
+    got_ = std::async(std::launch::async, [this, answer] {
+               std::string got;
+               char buf[64];
+               while (!stop_ && got.find("\r\n") == std::string::npos) {
+                   pollfd p{master_, POLLIN, 0};
+                   ssize_t n = ::poll(&p, 1, 50) > 0 ? ::read(master_, buf, sizeof buf) : 0;
+                   if (n > 0) got.append(buf, static_cast<size_t>(n));
+               }
+               [[maybe_unused]] ssize_t n =
+                   stop_ ? 0 : ::write(master_, answer.data(), answer.size());
+               return got;
+           }).share();
 }
 
 PtyModem::~PtyModem() {
     stop_ = true;
-    thread_.join();
+    got_.wait();
     ::close(slave_);
     ::close(master_);
-}
-
-void PtyModem::serve(const std::string& answer) {
-    std::string got;
-    char buf[64];
-    while (!stop_ && got.find("\r\n") == std::string::npos) {
-        pollfd p{master_, POLLIN, 0};
-        ssize_t n = ::poll(&p, 1, 50) > 0 ? ::read(master_, buf, sizeof buf) : 0;
-        if (n > 0) got.append(buf, static_cast<size_t>(n));
-    }
-    std::lock_guard<std::mutex> lock(mu_);
-    received_ = got;
-    [[maybe_unused]] ssize_t n = stop_ ? 0 : ::write(master_, answer.data(), answer.size());
 }
 
 }  // namespace smsgw::test

@@ -9,8 +9,8 @@
 #include <chrono>
 #include <cstdint>
 #include <functional>
+#include <future>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <set>
 #include <string>
@@ -105,29 +105,6 @@ void prepare_root(const std::string& root);
 void write_txrx_wrapper(const std::string& root, const std::vector<std::string>& argv,
                         const std::string& redirect = "");
 
-// The running daemon; stopped with SIGKILL (and reaped) on destruction,
-// together with the txrx processes started for its root.
-class Daemon : NoCopy {
-  public:
-    Daemon(std::string root, int port_offset, std::vector<std::string> extra_args = {});
-    ~Daemon();
-    // Waits until the daemon answers a management command.
-    bool wait_ready(Ms deadline = Ms(10000));
-    void kill_now(int sig = 9);
-    bool running();  // reaps the daemon once it has ended
-    pid_t pid() const { return pid_; }
-    // Its exit status once running() saw it end; -1 before, or after a signal.
-    int exit_status() const { return exit_status_; }
-    // Standard error captured so far.
-    std::string stderr_text() const { return read_file(root_ + "/daemon.stderr"); }
-
-  private:
-    std::string root_;
-    int offset_;
-    pid_t pid_ = -1;
-    int exit_status_ = -1;
-};
-
 // A UDP client on 127.0.0.1.
 class UdpClient : NoCopy {
   public:
@@ -155,20 +132,45 @@ struct UdpListener : UdpClient {
 };
 
 // A program started in the background, its standard output and error
-// going to files (both to out_path when err_path is empty), with extra
-// "NAME=value" environment entries. Killed and reaped if still running at
-// the end.
+// going to files (both to out_path when err_path is empty; appended to or
+// emptied first), with extra "NAME=value" environment entries. Killed and
+// reaped if still running at the end.
 class Child : NoCopy {
   public:
     Child(std::vector<std::string> argv, const std::string& out_path,
-          const std::string& err_path = "", const std::vector<std::string>& env = {});
-    ~Child();
+          const std::string& err_path = "", const std::vector<std::string>& env = {},
+          bool append = false);
+    ~Child() { kill_now(); }
     // Waits for the end: the exit status, or -1 when the program did not
     // exit normally within the deadline (it is killed then).
-    int finish(Ms deadline = Ms(15000));
+    int finish(Ms deadline = Ms(15000)) {
+        return wait_for([&] { return !running(); }, deadline) ? exit_status_ : -1;
+    }
+    void kill_now(int sig = 9);  // reaps it after SIGKILL
+    bool running();              // reaps it once it has ended
+    pid_t pid() const { return pid_; }
+    // Its exit status once running() saw it end; -1 before, or after a signal.
+    int exit_status() const { return exit_status_; }
 
   private:
     pid_t pid_ = -1;
+    int exit_status_ = -1;
+};
+
+// The running daemon; stopped with SIGKILL (and reaped) on destruction,
+// together with the txrx processes started for its root.
+class Daemon : public Child {
+  public:
+    Daemon(const std::string& root, int port_offset, std::vector<std::string> extra_args = {});
+    ~Daemon();
+    // Waits until the daemon answers a management command.
+    bool wait_ready(Ms deadline = Ms(10000));
+    // Standard error captured so far.
+    std::string stderr_text() const { return read_file(root_ + "/daemon.stderr"); }
+
+  private:
+    std::string root_;
+    int offset_;
 };
 
 // The real daemon in a prepared sandbox root: a gtest fixture with the web
@@ -242,27 +244,22 @@ class DaemonFixture : public ::testing::Test {
 // A simulated modem on a pseudo-terminal: a thread answers the first command
 // line (ending in "\r\n") written to the slave with a fixed text. Link
 // DIR/dev/ttySN to slave_path() to have the daemon probe it.
-class PtyModem {
+class PtyModem : NoCopy {
   public:
     explicit PtyModem(const std::string& answer);
     ~PtyModem();
     const std::string& slave_path() const { return slave_path_; }
-    // The command line received so far ("" before it is complete).
-    std::string received() {
-        std::lock_guard<std::mutex> lock(mu_);
-        return received_;
+    // The command line received, once it is complete and answered ("" when
+    // none came within the deadline).
+    std::string received() const {
+        return got_.wait_for(Ms(5000)) == std::future_status::ready ? got_.get() : "";
     }
 
   private:
-    void serve(const std::string& answer);
-
-    int master_ = -1;
-    int slave_ = -1;
+    int master_ = -1, slave_ = -1;
     std::string slave_path_;
     std::atomic<bool> stop_{false};
-    std::mutex mu_;
-    std::string received_;
-    std::thread thread_;
+    std::shared_future<std::string> got_;
 };
 
 }  // namespace smsgw::test

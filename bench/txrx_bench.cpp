@@ -98,7 +98,8 @@ ProcStat proc_stat(int pid) {
         at = sp + 1;
     }
     if (f.size() > 12)
-        s.cpu = (std::atof(f[11].c_str()) + std::atof(f[12].c_str())) / static_cast<double>(sysconf(_SC_CLK_TCK));
+        s.cpu = (std::atof(f[11].c_str()) + std::atof(f[12].c_str())) /
+                static_cast<double>(sysconf(_SC_CLK_TCK));
     std::string status = test::read_file("/proc/" + std::to_string(pid) + "/status");
     auto field = [&](const char* name) {
         size_t at = status.find(name);

@@ -137,6 +137,27 @@ TEST_F(CtlTest, EachVerbSendsItsTextsAndTellsWhatHappened) {
               "1\",\"reply\":\"ERROR\"}\n");
 }
 
+TEST_F(CtlTest, TablesEscapeControlsAndAlignByDisplayWidth) {
+    auto contact = [](const std::string& name, const std::string& number) {
+        return rec("^|^" + name + "^|^" + number + "^|^^|^");
+    };
+    const std::string listing = contact("\x1b[2J\x1b[31mEvil", "1") + contact("Zo\xc3\xab", "2") +
+                                contact("\xe5\x90\x8d\xe5\x89\x8d", "3") + contact("a\nb\\", "4") +
+                                contact("\xff\xc2\x9b", "5") + rec("^|^MAX_ELEMENTS=5");
+    CtlResult r = play({"contacts", "list"}, {{"get-sms phone_book 1^|^", RF, listing}});
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.out,
+              "NAME             NUMBER  DESCRIPTION\n"
+              "\\e[2J\\e[31mEvil  1\n"
+              "Zo\xc3\xab              2\n"
+              "\xe5\x90\x8d\xe5\x89\x8d             3\n"
+              "a\\nb\\\\           4\n"
+              "\\xff\\u009b       5\n"
+              "5 shown from 1, 5 in all\n");
+    r = play({"--json", "contacts", "list"}, {{"get-sms phone_book 1^|^", RF, listing}});
+    EXPECT_NE(r.out.find("\"name\":\"\\u001b[2J\\u001b[31mEvil\""), std::string::npos) << r.out;
+}
+
 TEST_F(CtlTest, BadCommandLinesAreOneLineStatusTwoAndSendNothing) {
     // clang-format off
     const std::vector<Args> bad = {

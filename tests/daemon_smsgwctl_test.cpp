@@ -158,6 +158,17 @@ TEST_F(CtlTest, TablesEscapeControlsAndAlignByDisplayWidth) {
     EXPECT_NE(r.out.find("\"name\":\"\\u001b[2J\\u001b[31mEvil\""), std::string::npos) << r.out;
 }
 
+TEST_F(CtlTest, RootAndPortOffsetFromTheEnvironment) {
+    Args argv = exec_prefix();
+    argv.insert(argv.end(), {SMSGWCTL_PATH, "contacts", "count"});
+    Child child(argv, path("ctl.out"), path("ctl.err"),
+                {"SMSGW_ROOT=" + root_.path(), "SMSGW_PORT_OFFSET=" + std::to_string(offset_)});
+    ASSERT_TRUE(fake_->receive(10s));
+    EXPECT_EQ(fake_->receive(10s), "get-sms total-entries phone_book^|^");
+    fake_->reply("7");
+    EXPECT_EQ(finish(child).out, "7\n");
+}
+
 TEST_F(CtlTest, BadCommandLinesAreOneLineStatusTwoAndSendNothing) {
     // clang-format off
     const std::vector<Args> bad = {

@@ -34,6 +34,18 @@ class TxrxSim : public DaemonFixture {
     std::string inbox() const { return file("var/Inbox/smsinbox.dat"); }
 };
 
+TEST_F(TxrxSim, BadArgumentsAreRefusedAndWriteNothing) {
+    // No daemon: only a transceiver writes the pid file.
+    const std::vector<std::vector<std::string>> bad = {
+        {}, {"inject", "+49"}, {"/dev/ttyS0", "/dev/ttyS1"}, {"loopback", "24/03/01"}};
+    for (const auto& args : bad) {
+        EXPECT_EQ(sim(args), 2) << args.size();
+        EXPECT_EQ(file("sim.out").rfind("txrx-sim: ", 0), 0u) << file("sim.out");
+    }
+    EXPECT_EQ(inbox(), "");
+    EXPECT_FALSE(exists(path("var/run/txrx_pid_file")));
+}
+
 TEST_F(TxrxSim, LoopBackWithAStampSetsThatTime) {
     start();
     ASSERT_EQ(sim({"loopback", "+4999", "24/03/01 12:05:09+04"}), 0) << file("sim.out");

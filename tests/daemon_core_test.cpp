@@ -150,8 +150,8 @@ TEST_F(DaemonCore, LoadBalancerResultsUpdateApiStatusAndTheSlaveOutbox) {
         char buf[512];
         std::string got;
         if (::poll(&p, 1, c.result > 0 ? 3000 : 200) > 0)
-            got.assign(buf,
-                       static_cast<size_t>(std::max(::recv(db.get(), buf, sizeof buf, 0), 0L)));
+            got.assign(buf, static_cast<size_t>(
+                                std::max<ssize_t>(::recv(db.get(), buf, sizeof buf, 0), 0)));
         EXPECT_EQ(got, c.result > 0 ? notice : "");
         EXPECT_TRUE(wait_for([&] { return exists(outbox) == (c.result >= 0); }));
         EXPECT_EQ(read_file(outbox).size(), c.result >= 0 ? 16u : 0u);

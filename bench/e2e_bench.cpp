@@ -45,6 +45,7 @@
 #include "addressbook/address_book_files.h"
 #include "commands/command_parser.h"
 #include "common/fileops.h"
+#include "common/net.h"
 #include "common/runtime.h"
 #include "formats/request_file.h"
 #include "send/sender.h"
@@ -183,10 +184,7 @@ class EchoServer {
   public:
     explicit EchoServer(int port) : port_(port) {
         int fd = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-        sockaddr_in a{};
-        a.sin_family = AF_INET;
-        a.sin_port = htons(static_cast<uint16_t>(port));
-        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        sockaddr_in a = smsgw::loopback_address(static_cast<uint16_t>(port));
         if (fd < 0 || ::bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0) return;
         pid_ = ::fork();
         if (pid_ == 0) serve(fd);

@@ -37,6 +37,7 @@
 #include <vector>
 
 #include "common/fileops.h"
+#include "common/net.h"
 #include "common/text.h"
 #include "formats/inbox_record.h"
 #include "formats/job_file.h"
@@ -60,20 +61,12 @@ std::string root_path(const std::string& absolute) {
     return root + absolute;
 }
 
-sockaddr_in loopback(int port) {
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_port = htons(static_cast<uint16_t>(port));
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    return a;
-}
-
 int port(int base) {
     return base + env_int("SMSGW_PORT_OFFSET", 0);
 }
 
 void send_datagram(int fd, int to_port, const std::string& data) {
-    sockaddr_in a = loopback(to_port);
+    sockaddr_in a = smsgw::loopback_address(static_cast<uint16_t>(to_port));
     ::sendto(fd, data.data(), data.size(), 0, reinterpret_cast<sockaddr*>(&a), sizeof a);
 }
 
@@ -102,7 +95,7 @@ int run_transceiver(const std::string& device) {
         pid << ::getpid() << '\n';
     }
     int fd = ::socket(AF_INET, SOCK_DGRAM, 0);
-    sockaddr_in a = loopback(port(20202));
+    sockaddr_in a = smsgw::loopback_address(static_cast<uint16_t>(port(20202)));
     bool bound = fd >= 0 && ::bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0;
     // Logged once the port is bound, so a watcher knows jobs will arrive.
     log_line("START " + device);
@@ -144,7 +137,7 @@ int inject(const std::string& sender, const std::string& text) {
 // The web interface's framing: the length datagram, then the request.
 int request(const std::string& text) {
     int fd = ::socket(AF_INET, SOCK_DGRAM, 0);
-    sockaddr_in any = loopback(0);
+    sockaddr_in any = smsgw::loopback_address(0);
     if (fd < 0 || ::bind(fd, reinterpret_cast<sockaddr*>(&any), sizeof any) != 0) return 1;
     send_datagram(fd, port(20205), std::to_string(text.size()));
     send_datagram(fd, port(20205), text);

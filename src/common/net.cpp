@@ -13,9 +13,7 @@
 
 namespace smsgw {
 
-namespace {
-
-sockaddr_in loopback(uint16_t port) {
+sockaddr_in loopback_address(uint16_t port) {
     sockaddr_in a{};
     a.sin_family = AF_INET;
     a.sin_port = htons(port);
@@ -23,12 +21,10 @@ sockaddr_in loopback(uint16_t port) {
     return a;
 }
 
-}  // namespace
-
 Fd bind_udp(uint16_t port) {
     Fd fd(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     if (!fd) return fd;
-    sockaddr_in a = loopback(port);
+    sockaddr_in a = loopback_address(port);
     if (::bind(fd.get(), reinterpret_cast<sockaddr*>(&a), sizeof a) != 0) return Fd();
     return fd;
 }
@@ -56,7 +52,7 @@ bool set_nonblocking(int fd) {
 ssize_t send_udp(uint16_t port, const void* data, size_t len) {
     Fd fd(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     if (!fd) return -1;
-    sockaddr_in a = loopback(port);
+    sockaddr_in a = loopback_address(port);
     return ::sendto(fd.get(), data, len, 0, reinterpret_cast<sockaddr*>(&a), sizeof a);
 }
 
@@ -75,7 +71,7 @@ const char* send_to_http_client(const Runtime& rt, std::string_view text) {
     Fd fd(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     if (fd.get() < 1) return "ERROR";
     std::string msg(text);
-    sockaddr_in a = loopback(rt.ports.http());
+    sockaddr_in a = loopback_address(rt.ports.http());
     ::sendto(fd.get(), msg.c_str(), msg.size() + 1, 0, reinterpret_cast<sockaddr*>(&a), sizeof a);
     trace("After Sending Message\r\n");
     return "SUCCESS";

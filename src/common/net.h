@@ -2,6 +2,7 @@
 // share: the database notice and the http-client sender.
 #pragma once
 
+#include <netinet/in.h>
 #include <sys/types.h>
 
 #include <cstddef>
@@ -13,6 +14,9 @@
 #include "common/runtime.h"
 
 namespace smsgw {
+
+// The address 127.0.0.1:port, where every local peer of the gateway listens.
+sockaddr_in loopback_address(uint16_t port);
 
 // UDP socket bound to 127.0.0.1:port; invalid Fd on failure.
 Fd bind_udp(uint16_t port);

@@ -5,16 +5,14 @@
 #include <sys/socket.h>
 
 #include "common/fileops.h"
+#include "common/net.h"
 
 namespace smsgw {
 
 bool TxrxLink::send(std::string_view datagram) const {
     Fd fd(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     if (fd.get() <= 0) return false;
-    sockaddr_in to{};
-    to.sin_family = AF_INET;
-    to.sin_port = htons(port_);
-    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    sockaddr_in to = loopback_address(port_);
     ::sendto(fd.get(), datagram.data(), datagram.size(), 0, reinterpret_cast<sockaddr*>(&to),
              sizeof to);
     return true;

@@ -15,6 +15,7 @@
 #include <cstring>
 #include <vector>
 
+#include "common/net.h"
 #include "common/text.h"
 
 namespace smsgw::txrx {
@@ -84,10 +85,7 @@ bool Peers::open_private() {
 bool Peers::hold_port() {
     if (port_) return true;
     Fd fd(::socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_port = htons(port_number_);
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    sockaddr_in a = loopback_address(port_number_);
     if (fd && ::bind(fd.get(), reinterpret_cast<sockaddr*>(&a), sizeof a) == 0)
         port_ = std::move(fd);
     return port_.valid();

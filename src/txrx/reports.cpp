@@ -6,6 +6,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "common/net.h"
 #include "formats/txrx_report.h"
 
 namespace smsgw::txrx {
@@ -31,10 +32,7 @@ Reporter::Reporter(uint16_t port)
     : fd_(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)), port_(port) {}
 
 bool Reporter::send(std::string_view datagram) const {
-    sockaddr_in to{};
-    to.sin_family = AF_INET;
-    to.sin_port = htons(port_);
-    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    const sockaddr_in to = loopback_address(port_);
     return ::sendto(fd_.get(), datagram.data(), datagram.size(), 0,
                     reinterpret_cast<const sockaddr*>(&to),
                     sizeof to) == static_cast<ssize_t>(datagram.size());

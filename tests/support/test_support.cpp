@@ -16,6 +16,8 @@
 #include <random>
 #include <sstream>
 
+#include "common/net.h"
+
 namespace smsgw::test {
 
 namespace fs = std::filesystem;
@@ -23,14 +25,6 @@ namespace fs = std::filesystem;
 namespace {
 
 const char* const kProbe = "get-sms total-entries groups^|^";
-
-sockaddr_in loopback(int port) {
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_port = htons(static_cast<uint16_t>(port));
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    return a;
-}
 
 // Starts argv with its output to `out` and its errors to `err` (or `out`),
 // with extra "NAME=value" environment entries.
@@ -259,7 +253,7 @@ bool Daemon::wait_ready(Ms deadline) {
 }
 
 UdpClient::UdpClient(int port) : fd_(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
-    sockaddr_in a = loopback(port);
+    sockaddr_in a = smsgw::loopback_address(static_cast<uint16_t>(port));
     if (::bind(fd_, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0) return;
     ::close(fd_);
     fd_ = -1;
@@ -270,7 +264,7 @@ UdpClient::~UdpClient() {
 }
 
 void UdpClient::send_to(int port, const std::string& data) {
-    sockaddr_in a = loopback(port);
+    sockaddr_in a = smsgw::loopback_address(static_cast<uint16_t>(port));
     ::sendto(fd_, data.data(), data.size(), 0, reinterpret_cast<sockaddr*>(&a), sizeof a);
 }
 

@@ -22,14 +22,6 @@ namespace powercut {
 
 namespace {
 
-sockaddr_in loopback(int port) {
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_port = htons(static_cast<uint16_t>(port));
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    return a;
-}
-
 void put_script(const std::string& path, const std::string& text) {
     smsgw::write_file(path, text);
     ::chmod(path.c_str(), 0755);
@@ -178,7 +170,7 @@ int Udp::port() const {
 }
 
 void Udp::send_to(int port, const std::string& data) const {
-    sockaddr_in a = loopback(port);
+    sockaddr_in a = smsgw::loopback_address(static_cast<uint16_t>(port));
     ::sendto(fd_.get(), data.data(), data.size(), 0, reinterpret_cast<sockaddr*>(&a), sizeof a);
 }
 

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "common/fileops.h"
+#include "common/net.h"
 
 namespace smsgw::ctl {
 namespace {
@@ -44,10 +45,7 @@ std::string Client::request(const std::string& text) const {
     if (text.size() > kMaxRequest)
         throw usage_error("the request is longer than " + std::to_string(kMaxRequest) + " bytes");
     Fd fd(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    sockaddr_in to{};
-    to.sin_family = AF_INET;
-    to.sin_port = htons(static_cast<uint16_t>(port()));
-    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    sockaddr_in to = smsgw::loopback_address(static_cast<uint16_t>(port()));
     // Connected, so only the daemon's port can answer and a port nobody
     // holds is reported at once instead of after the timeout.
     if (!fd || ::connect(fd.get(), reinterpret_cast<sockaddr*>(&to), sizeof to) != 0)

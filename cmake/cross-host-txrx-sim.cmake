@@ -11,7 +11,7 @@
 find_program(SMSGW_HOST_CXX NAMES c++ g++ clang++ NO_CMAKE_FIND_ROOT_PATH)
 set(_sim_source ${CMAKE_SOURCE_DIR}/tools/txrx-sim.cpp)
 set(_sim_sources ${_sim_source})
-foreach(piece common/fileops common/text formats/job_file formats/txrx_datagram
+foreach(piece common/fileops common/net common/paths common/text common/trace formats/job_file formats/txrx_datagram
         formats/txrx_report formats/inbox_record)
   list(APPEND _sim_sources ${CMAKE_SOURCE_DIR}/src/${piece}.cpp)
 endforeach()

@@ -36,8 +36,8 @@ namespace {
 using namespace std::chrono_literals;
 using test::TempDir;
 
-std::vector<std::string> job_numbers(const PreparedJob& job) {
-    auto decoded = decode_job_file(test::read_file(job.job_path));
+std::vector<std::string> job_numbers(const std::string& job_path) {
+    auto decoded = decode_job_file(test::read_file(job_path));
     return decoded ? decoded->numbers : std::vector<std::string>{"<no job>"};
 }
 
@@ -139,7 +139,7 @@ TEST_F(SendTest, SectionsBecomeJobRecordsAndOutboxItems) {
         EXPECT_FALSE(job.unknown_recipient);
         EXPECT_EQ(test::read_file(job.job_path).substr(0, 160),
                   std::string("Hello there") + std::string(149, '\0'));
-        EXPECT_EQ(job_numbers(job), c.expect_numbers);
+        EXPECT_EQ(job_numbers(job.job_path), c.expect_numbers);
         EXPECT_EQ(slave_outbox(),
                   encode_outbox_record({c.expect_items, 1, 0, "Hello there", "admin"}));
         EXPECT_EQ(sender.recipients().recipient_count(), 0);
@@ -155,7 +155,7 @@ TEST_F(SendTest, ApiRequestTakesItsIdFromTheFileName) {
     // A fresh file in the daemon's own temporary directory, "-ID" behind.
     EXPECT_EQ(job.job_path.rfind(dir / "tmp/file", 0), 0u);
     EXPECT_EQ(job.job_path.substr(job.job_path.size() - 3), "-42");
-    EXPECT_EQ(job_numbers(job), std::vector<std::string>{"5"});
+    EXPECT_EQ(job_numbers(job.job_path), std::vector<std::string>{"5"});
     std::string stat = test::read_file(dir / "var/config/api_stat.st");
     ASSERT_EQ(stat.size(), 124u);
     EXPECT_EQ(test::api_status_of(stat, 42), kApiTaken);
@@ -363,11 +363,6 @@ TEST_F(RecipientsTest, LimitStopsCountedInsertionsButNotTheFile) {
 
 struct StatsTest : SendTest {
     std::string api() { return test::read_file(dir / "var/config/api_stat.st"); }
-    void api_records(std::initializer_list<int32_t> ids) {
-        test::write_file(dir / "var/config/api_stat.st", test::api_stat_image(ids, 0));
-    }
-    int32_t id_at(size_t record) { return test::i32_at(api(), 4 + 60 * record); }
-    int16_t status_at(size_t record) { return test::i16_at(api(), 8 + 60 * record); }
 };
 
 TEST_F(StatsTest, JobCountersRewriteTheirFileOnEveryReportedChange) {
@@ -423,7 +418,7 @@ TEST_F(StatsTest, ApiStatusLandsInTheRecordItsIdSelectsNeverPastAGap) {
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.id);
-        api_records(c.ids);
+        test::write_file(dir / "var/config/api_stat.st", test::api_stat_image(c.ids, 0));
         const std::string before = api();
         EXPECT_EQ(set_api_status(rt, c.id, 7), c.record >= 0 ? 1 : 0);
         if (c.record < 0) {
@@ -431,8 +426,8 @@ TEST_F(StatsTest, ApiStatusLandsInTheRecordItsIdSelectsNeverPastAGap) {
             continue;
         }
         EXPECT_EQ(api().size(), 184u);
-        EXPECT_EQ(id_at(static_cast<size_t>(c.record)), c.id);
-        EXPECT_EQ(status_at(static_cast<size_t>(c.record)), 7);
+        EXPECT_EQ(test::i32_at(api(), 4 + 60 * static_cast<size_t>(c.record)), c.id);
+        EXPECT_EQ(test::i16_at(api(), 8 + 60 * static_cast<size_t>(c.record)), 7);
     }
     remove_file(dir / "var/config/api_stat.st");
     EXPECT_EQ(set_api_status(rt, 1, 2), 0);
@@ -660,23 +655,16 @@ TEST_F(QueueTest, StartUpCutsTornAppendsOffTheOtherFiles) {
 
 struct SchedulerTest : QueueTest {
     SchedulerTest() { start(); }
-    std::string queue_request(const std::string& name, const std::string& number) {
-        std::string path =
-            request(name, encode_request_file("admin", "text " + name, number + "^|^", "", ""));
-        queue.add_to_pending_jobs("send-sms " + path);
-        return path;
+    void queue_request(const std::string& name, const std::string& number) {
+        queue.add_to_pending_jobs(
+            "send-sms " +
+            request(name, encode_request_file("admin", "text " + name, number + "^|^", "", "")));
     }
-    // The numbers of the job a datagram names.
-    std::string job_numbers(const std::string& datagram) {
-        auto job = decode_job_file(test::read_file(std::string(datagram.c_str())));
-        std::string out;
-        for (const auto& n : job ? job->numbers : std::vector<std::string>{"<none>"}) out += n;
-        return out;
-    }
-    std::string next_job() {
+    // The numbers of the job the next datagram names.
+    std::vector<std::string> next_job() {
         auto d = txrx.receive();
         link.job_done();
-        return d ? job_numbers(*d) : "<nothing>";
+        return job_numbers(d ? d->c_str() : "<nothing>");
     }
 };
 
@@ -689,14 +677,14 @@ TEST_F(SchedulerTest, HandsJobsOverOneAtATimeInOrder) {
     queue_request("c", "333");
     queue_request("d", "444");
 
-    std::vector<std::string> got;
+    std::vector<std::vector<std::string>> got;
     for (int i = 0; i < 4; ++i) {
         queue.create_job_from_pending_jobs(0);
         EXPECT_TRUE(link.job_outstanding());
         queue.create_job_from_pending_jobs(0);  // does nothing while outstanding
         got.push_back(next_job());
     }
-    EXPECT_EQ(got, (std::vector<std::string>{"111", "222", "333", "444"}));
+    EXPECT_EQ(got, (std::vector<std::vector<std::string>>{{"111"}, {"222"}, {"333"}, {"444"}}));
     EXPECT_FALSE(txrx.receive(100ms).has_value());
     EXPECT_EQ(sleeps, 2);  // each emptied file pauses once
     EXPECT_FALSE(test::exists(queue.pending_file(0)) || test::exists(queue.pending_file(1)));
@@ -731,7 +719,7 @@ TEST_F(SchedulerTest, DamagedFrontsAreReportedRepairedOrDropped) {
     EXPECT_EQ(test::read_file(dir / "var/run/test.log.pending"),
               "Corrupted pendingjobs = 0, count = " +
                   std::to_string(decode_job_header(file)->job_ln) + "\n\n");
-    EXPECT_EQ(next_job(), "222");
+    EXPECT_EQ(next_job(), std::vector<std::string>{"222"});
 
     for (int32_t bad : {-5, 0x7fffffff, 1 << 20}) {
         SCOPED_TRACE(bad);

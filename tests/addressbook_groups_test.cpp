@@ -2,7 +2,9 @@
 // removed contact, and the membership scan of the save.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdio>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -50,13 +52,11 @@ struct Groups : ::testing::Test {
     }
     // The same part of what the save writes (it computes it group by group).
     std::string saved() {
-        std::string text = listed([&](Listing&l) { ab_save_contacts(ab, l.output); }), out;
-        for (size_t at = 0; at < text.size();) {
-            for (int field = 0; field < 3; ++field) at = text.find("^|^", at) + 3;
-            size_t end = text.find('\n', at) + 1;
-            out += text.substr(at, end - at);
-            at = end;
-        }
+        std::istringstream lines(listed([&](Listing& l) { ab_save_contacts(ab, l.output); }));
+        std::string out;
+        for (std::string line; std::getline(lines, line);)
+            out +=
+                line.substr(std::min(line.size(), line.rfind("^|^", line.size() - 4) + 3)) + "\n";
         return out;
     }
 };

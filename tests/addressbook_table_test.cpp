@@ -1,7 +1,6 @@
 // The contact table: tree shapes after every kind of split and removal (also
 // through an insert cursor), the reply texts, the limit, the listings byte
-// for byte; CompactText reads exactly like its text across the inline/heap
-// boundary.
+// for byte.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -9,7 +8,6 @@
 #include <vector>
 
 #include "addressbook/address_book.h"
-#include "addressbook/compact_text.h"
 #include "support/trie_shape.h"
 
 using namespace smsgw;
@@ -32,13 +30,6 @@ struct ContactTable : ::testing::Test {
 
 std::string numbered(int i) {
     return (i < 10 ? "c0" : "c") + std::to_string(i);
-}
-
-// A text of n letters.
-std::string letters(size_t n) {
-    std::string s;
-    for (size_t i = 0; i < n; ++i) s += static_cast<char>('a' + i % 26);
-    return s;
 }
 
 }  // namespace
@@ -111,21 +102,6 @@ TEST_F(ContactTable, TheLimitIsTwentyThousandEntries) {
     EXPECT_NE(ab.ab_insert("newer", "2", ""), nullptr);
 }
 
-TEST_F(ContactTable, DeletingAMissingNumberOnlyLowersTheCount) {
-    for (const char* number : {"2", "3"}) ab.ab_insert("Bob", number, "");
-    ab.ab_insert("Ann", "1", "");
-    std::string before = trie_shape(ab);
-    reply.set("untouched");
-    EXPECT_EQ(ab.ab_delete_entry("Ann", "9") + ab.ab_delete_entry("bob", "9"), 2);
-    EXPECT_EQ(reply.str() + trie_shape(ab), "untouched" + before);
-    EXPECT_EQ(ab.ab_delete_entry("Carl", "1"), 0);
-    EXPECT_EQ(reply.str(), "ERROR:Element Not Found");
-    reply.set("x");
-    EXPECT_EQ(ab.ab_delete_name("Bo"), 0);
-    EXPECT_EQ(reply.str(), "ERROR:Element Not Found");
-    EXPECT_EQ(ab.entry_count(), 1);
-}
-
 // Each case: contacts (number 1), removals in order, the tree left.
 TEST_F(ContactTable, RemovalsMergeAndPruneNodes) {
     struct Case {
@@ -190,32 +166,5 @@ TEST_F(ContactTable, PrefixPagesCountEveryMatchOnTheFirstPageOnly) {
         Listing l{nullptr, 1, 1};
         EXPECT_EQ(ab.ab_list_prefix_page(l, "c", start), end);
         EXPECT_EQ(l.listed_count, 11);
-    }
-}
-
-TEST_F(ContactTable, ListByNumberComparesByNodeKind) {
-    ab.ab_insert("Ann", "abc", "one");   // a node with a child ignores case
-    ab.ab_insert("Anna", "ABC", "two");  // a leaf compares exactly
-    ab.ab_insert("Bob", "abc", "three");
-    ab.ab_insert("Bob", "ABC", "four");
-    Capture cap;
-    EXPECT_EQ(ab.ab_list_by_number(cap.listing, "ABC"), 2);
-    EXPECT_EQ(cap.text(), "Ann^|^abc^|^one^|^\nAnna^|^ABC^|^two^|^\nBob^|^ABC^|^four^|^\n");
-}
-
-TEST(CompactText, ReadsLikeItsTextAcrossTheInlineBoundary) {
-    const size_t sizes[] = {0, 15, 16, 200};
-    for (size_t n : sizes) {
-        for (size_t m : sizes) {
-            const std::string s = letters(n);
-            CompactText t(s), from(letters(m)), copy(from);
-            t = from;
-            EXPECT_EQ(t.view(), letters(m)) << n << " = " << m;
-            t = std::move(copy);
-            EXPECT_EQ(std::string(t.c_str()), letters(m)) << n;  // terminated where it ends
-            t = s;  // labels are cut and assigned from their own bytes
-            t.assign(t.view().substr(n / 2, m));
-            EXPECT_EQ(std::string(t.c_str()), s.substr(n / 2, m)) << n << " = " << m;
-        }
     }
 }

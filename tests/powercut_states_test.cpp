@@ -10,16 +10,6 @@
 namespace powercut {
 namespace {
 
-// A root holding the directory "d" (real inode 2 below it, root is 1).
-Snapshot two_dirs() {
-    Snapshot s;
-    s.image.inodes = {"", ""};
-    s.image.names[""] = {'d', 0, 0755, {}};
-    s.image.names["d"] = {'d', 1, 0755, {}};
-    s.inode_of = {{1, 0}, {2, 1}};
-    return s;
-}
-
 std::string rec(OpType t, int64_t a, int64_t b = 0, const std::string& s1 = "",
                 const std::string& s2 = "", const std::string& data = "") {
     return encode_record(t, a, b, s1, s2, data);
@@ -30,12 +20,18 @@ using Fates = std::vector<std::pair<Fate, size_t>>;
 TEST(PowerCutStates, SyncedOperationsSurviveAndOthersMayNot) {
     // 0 create d/f, 1 write, 2 fsync f, 3 write, 4 fsync d, 5 rename to d/g,
     // 6 map store, 7 msync, 8 map store.
-    History h(two_dirs(), rec(OpType::Create, 10, 0644, "d/f") +
-                              rec(OpType::Write, 10, 0, "", "", "hello") + rec(OpType::Fsync, 10) +
-                              rec(OpType::Write, 10, 5, "", "", "!") + rec(OpType::Fsync, 2) +
-                              rec(OpType::Rename, 0, 0, "d/f", "d/g") +
-                              rec(OpType::MapWrite, 10, 0, "", "", "HE") + rec(OpType::Msync, 10) +
-                              rec(OpType::MapWrite, 10, 0, "", "", "XY"));
+    // A root holding the directory "d" (real inode 2 below it, root is 1).
+    Snapshot root;
+    root.image.inodes = {"", ""};
+    root.image.names[""] = {'d', 0, 0755, {}};
+    root.image.names["d"] = {'d', 1, 0755, {}};
+    root.inode_of = {{1, 0}, {2, 1}};
+    History h(root, rec(OpType::Create, 10, 0644, "d/f") +
+                        rec(OpType::Write, 10, 0, "", "", "hello") + rec(OpType::Fsync, 10) +
+                        rec(OpType::Write, 10, 5, "", "", "!") + rec(OpType::Fsync, 2) +
+                        rec(OpType::Rename, 0, 0, "d/f", "d/g") +
+                        rec(OpType::MapWrite, 10, 0, "", "", "HE") + rec(OpType::Msync, 10) +
+                        rec(OpType::MapWrite, 10, 0, "", "", "XY"));
     const Fates lose_all(9, {Fate::Skipped, 0});
     struct Case {
         size_t cut;

@@ -181,7 +181,7 @@ TEST_F(ParserTest, EverySmsGivesItsActionAndFields) {
 
 TEST(Normalisation, KeepsLeadingPlusAndDigitsAndMatchesLeadingParts) {
     const std::pair<const char*, const char*> cases[] = {
-        {"+49 (171) 555-12", "+4917155512"}, {"49+1", "491"}, {"++49", "+49"}, {"", ""}, {"+", "+"},
+        {"+49 (171) 555-12", "+4917155512"}, {"0049+-1", "00491"}, {"", ""}, {"+", "+"},
         {"\x01\x31\xff\x32", "12"},
     };
     for (const auto& [in, out] : cases) EXPECT_EQ(normalise_number(in), out) << in;

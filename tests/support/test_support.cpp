@@ -86,10 +86,6 @@ std::vector<std::string> exec_prefix() {
     return out;
 }
 
-TxrxLaunch txrx_launch() {
-    return {TXRX_SIM_PATH, exec_prefix()};
-}
-
 TempDir::TempDir() {
     const char* base = std::getenv("TMPDIR");
     path_ = std::string(base && *base ? base : "/tmp") + "/smsgw-test-XXXXXX";

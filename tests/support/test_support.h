@@ -45,15 +45,6 @@ class TempDir : NoCopy {
 // empty for native builds.
 std::vector<std::string> exec_prefix();
 
-// How to run txrx-sim for its commands (inject, request, loopback): in a
-// cross build under the emulator, so that what it writes into the root's
-// binary files (the inbox record lengths) has the daemon's byte order.
-struct TxrxLaunch {
-    std::string program;
-    std::vector<std::string> prefix;
-};
-TxrxLaunch txrx_launch();
-
 // A port offset unlikely to collide with other tests running at once.
 int random_port_offset();
 

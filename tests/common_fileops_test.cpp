@@ -67,9 +67,9 @@ TEST(FileOps, AppendKeepsContentAndFilesGetTheirModes) {
     ASSERT_EQ(::fstat(fd.get(), &st), 0);
     EXPECT_EQ(st.st_mode & 0777, 0600u);
     // Nothing else is left behind: the atomic write's temporary is gone.
-    int entries = 0;
-    for (const auto& e : std::filesystem::directory_iterator(dir.path())) entries += e.exists();
-    EXPECT_EQ(entries, 3);
+    ASSERT_TRUE(make_dirs(dir / "d/bc/e"));
+    EXPECT_EQ(test::tree_below(dir.path()).size(), 6u);  // f, two temporaries, d, d/bc, d/bc/e
+    EXPECT_TRUE(test::exists(dir / "d/bc/e"));
 }
 
 // Cuts every word of `text` the tokenizer finds; "|rest" ends the list.

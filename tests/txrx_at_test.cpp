@@ -179,11 +179,15 @@ TEST(JobLedger, EveryRecipientIsClaimedOnceAndTheLastOutcomeEndsTheJob) {
     EXPECT_EQ(end->delivered, 2u);
     EXPECT_FALSE(a->claim(300, [](pid_t) { return false; }));
 
-    std::string image = encode_ledger_header(h);
-    EXPECT_EQ(decode_ledger_header(image)->count, 3u);
-    image[15] = 9;  // next beyond the count
-    EXPECT_FALSE(decode_ledger_header(image));
-    EXPECT_FALSE(decode_ledger_header(image.substr(0, 100)));
+    const std::string good = encode_ledger_header(h);
+    EXPECT_EQ(decode_ledger_header(good)->count, 3u);
+    // next or recorded beyond the count, delivered beyond recorded
+    for (size_t at : {15, 19, 23}) {
+        std::string image = good;
+        image[at] = 4;
+        EXPECT_FALSE(decode_ledger_header(image)) << at;
+    }
+    EXPECT_FALSE(decode_ledger_header(good.substr(0, 100)));
 }
 
 TEST(TxrxOptions, ValuesAndRefusals) {

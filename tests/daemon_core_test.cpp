@@ -91,6 +91,13 @@ TEST_F(DaemonCore, BadInputIsDroppedAndTheNextRequestAnswered) {
         EXPECT_EQ(cl.receive(c.reply ? 3000ms : 200ms), c.reply);
         EXPECT_EQ(ask(kProbe), "0");
     }
+    // A request that only starts like a length is still a request, even
+    // when a datagram of that length follows it.
+    UdpClient cl;
+    for (const std::string& d : {std::string("3"), std::string("31 "), kProbe})
+        cl.send_to(gui(), d);
+    EXPECT_EQ(cl.receive(), "ERROR");
+    EXPECT_EQ(ask(kProbe), "0");
     EXPECT_TRUE(daemon_->running());
 }
 

@@ -153,6 +153,11 @@ smsgw_save() {
     smsgw_archive
 }
 
+# How many saves the daemon has finished. The daemon writes its first line
+# to the file as a save begins, so a missing file must count as 0 too:
+# otherwise the file appearing would pass for the save being done.
 smsgw_save_marks() {
-    grep -c '^after strcpy,parse$' "$root/var/run/save_flg_file" 2>/dev/null
+    local n
+    n=$(grep -c '^after strcpy,parse$' "$root/var/run/save_flg_file" 2>/dev/null)
+    echo "${n:-0}"
 }

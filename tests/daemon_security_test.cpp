@@ -170,6 +170,18 @@ TEST_F(DaemonSecurity, PlantedSymlinksAtFixedTemporaryNamesAreNotFollowed) {
         struct stat st {};  // used, so the link is gone
         EXPECT_FALSE(::lstat(path(names[i]).c_str(), &st) == 0 && S_ISLNK(st.st_mode));
     }
+
+    // With the job still out, a broadcast that cannot be queued at all is
+    // lost, and the log says so.
+    ::unlink(path("var/run/pending_jobs").c_str());
+    ASSERT_EQ(::mkdir(path("var/run/pending_jobs").c_str(), 0755), 0);
+    const std::string queued = queued_jobs();
+    incoming("+4990", "Open");
+    const std::string dropped =
+        "a broadcast trigger was dropped: cannot write " + path("var/run/pending_jobs");
+    EXPECT_TRUE(wait_for([&] { return daemon_log().find(dropped) != std::string::npos; }))
+        << daemon_log();
+    EXPECT_EQ(queued_jobs(), queued);
     EXPECT_TRUE(daemon_->running());
 }
 

@@ -741,7 +741,7 @@ TEST_F(SchedulerTest, BroadcastJobsGoThroughTheSendAction) {
         [&](int mode, const BroadcastRecord& r, const std::optional<ApiOrigin>& api) {
             seen.push_back(std::to_string(mode) + r.sender + r.group + r.text +
                            (api ? std::to_string(api->id) + api->user : "-"));
-            return SendActionResult{false, "/tmp/prepared"};
+            return SendActionResult{"/tmp/prepared"};
         });
     struct Case {
         std::optional<ApiOrigin> api;

@@ -41,8 +41,9 @@ struct ApiOrigin {
 
 // What the trigger send action did with a broadcast.
 struct SendActionResult {
-    bool queued = false;       // put back into the queue instead of sent
-    std::string request_file;  // the prepared job path for txrx when sent
+    // The prepared job path for txrx when sent; empty when the broadcast
+    // went back into the queue or no job could be made.
+    std::string request_file;
 };
 
 // The trigger send action (action 0): mode 0 or 1 as the scheduler runs,

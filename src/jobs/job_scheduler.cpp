@@ -220,8 +220,7 @@ void JobQueue::hand_broadcast_to_txrx(const BroadcastRecord& record,
                                       const std::optional<ApiOrigin>& api) {
     if (!send_action_) return;
     const SendActionResult result = send_action_(0, record, api);
-    // Nothing to hand over when the action queued it again or made no job.
-    if (result.queued || result.request_file.empty()) return;
+    if (result.request_file.empty()) return;
     sender_.txrx().send(encode_broadcast_handoff(result.request_file, api.has_value()));
     trace("Job sent to txrx\r\n");
 }

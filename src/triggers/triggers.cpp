@@ -179,7 +179,7 @@ struct Triggers::Impl {
         // While txrx works on a job, an idle-time broadcast waits in the
         // queue; a peer asking for work (mode 1) is served at once.
         if (mode == 0 && link.job_outstanding()) {
-            result.queued = queue_broadcast(record);
+            queue_broadcast(record);
             return result;
         }
         std::optional<ApiOrigin> api = queued_api;
@@ -193,25 +193,27 @@ struct Triggers::Impl {
         return result;
     }
 
-    bool queue_broadcast(const BroadcastRecord& record) {
-        std::string path = rt.path("/var/run/pending_jobs");
-        std::string body = encode_broadcast_body(record);
-        {
-            FilePtr out = open_fixed_temp(path, "w+");
-            if (!out) return false;
-            if (std::fwrite(body.data(), 1, body.size(), out.get()) != body.size()) {
-                remove_file(path);
-                return false;
-            }
-            if (std::fclose(out.release()) != 0) {
-                remove_file(path);
-                return false;
-            }
+    // A broadcast that cannot be written for the queue is lost: the
+    // administrator learns of it from the log, not from a silent gap.
+    void queue_broadcast(const BroadcastRecord& record) {
+        const std::string path = rt.path("/var/run/pending_jobs");
+        const std::string body = encode_broadcast_body(record);
+        if (!write_new_file(path, body)) {
+            syslog(LOG_ERR, "a broadcast trigger was dropped: cannot write %s: %s", path.c_str(),
+                   std::strerror(errno));
+            remove_file(path);
+            return;
         }
         queue.add_to_pending_jobs_broadcasttrigger(&path, static_cast<long>(body.size()),
                                                    api_trigger);
         api_trigger.reset();  // its id and user are in the job line now
-        return true;
+    }
+
+    static bool write_new_file(const std::string& path, const std::string& body) {
+        FilePtr out = open_fixed_temp(path, "w+");
+        if (!out) return false;
+        const bool written = std::fwrite(body.data(), 1, body.size(), out.get()) == body.size();
+        return std::fclose(out.release()) == 0 && written;
     }
 
     // Writes the send request for the record's groups and turns it into a

@@ -184,6 +184,10 @@ TEST(GsmAlphabet, Conversions) {
         EXPECT_EQ(gsm::decode_utf8(c.in), c.out) << c.in;
         EXPECT_EQ(gsm::decode_utf8(gsm::to_utf8(c.out)), c.out);
     }
+    // Each sequence length from its first code point (a Latin-1 reading
+    // would round-trip the wrong bytes unnoticed).
+    EXPECT_EQ(gsm::to_utf8(U"\u007F\u0080\u0800\U00010000"),
+              "\x7F\xC2\x80\xE0\xA0\x80\xF0\x90\x80\x80");
     EXPECT_EQ(gsm::from_ucs2(std::string("\xD8\x3D\x00\x41", 4)), U"\uFFFDA");
     EXPECT_EQ(gsm::from_ucs2(std::string("\x00\x41\x00", 3)), U"A");
     EXPECT_EQ(to_hex(gsm::pack_septets({0x41}, 7)), "00000000000082");

@@ -200,7 +200,8 @@ TEST_F(SendTest, RequestFilePolicy) {
                                  dir / "tmp", std::string(dir / "tmp/ok") + std::string(1, '\0')})
         EXPECT_FALSE(sender.request_file_allowed(p)) << p;
 
-    rt.spool_dirs = {dir / "var/run"};
+    // A spool directory that does not exist lets nothing in.
+    rt.spool_dirs = {dir / "var/run", dir / "missing"};
     EXPECT_FALSE(sender.request_file_allowed(good));
 }
 

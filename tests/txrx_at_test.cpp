@@ -4,6 +4,7 @@
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include "support/modem_support.h"
@@ -11,6 +12,7 @@
 #include "txrx/job_file.h"
 #include "txrx/job_ledger.h"
 #include "txrx/options.h"
+#include "txrx/peers.h"
 
 namespace smsgw::txrx {
 namespace {
@@ -188,6 +190,26 @@ TEST(JobLedger, EveryRecipientIsClaimedOnceAndTheLastOutcomeEndsTheJob) {
         EXPECT_FALSE(decode_ledger_header(image)) << at;
     }
     EXPECT_FALSE(decode_ledger_header(good.substr(0, 100)));
+}
+
+// The transceivers' pid file names the one in charge first. An edit keeps
+// the other live ones in their order and drops those that ended.
+TEST(PidFile, EditsKeepTheLiveOnesInOrder) {
+    test::TempDir dir;
+    const std::string file = dir / "txrx_pid_file";
+    const pid_t ended = ::fork();
+    if (ended == 0) ::_exit(0);
+    ASSERT_GT(ended, 0);
+    ::waitpid(ended, nullptr, 0);
+    const std::string me = std::to_string(::getpid()) + "\n";
+    const std::string parent = std::to_string(::getppid()) + "\n";
+    test::write_file(file, me + std::to_string(ended) + "\n" + parent);
+    pid_file_promote(file, ::getppid());
+    EXPECT_EQ(test::read_file(file), parent + me);
+    pid_file_remove(file, ::getppid());
+    EXPECT_EQ(test::read_file(file), me);
+    pid_file_add(file, ::getppid());
+    EXPECT_EQ(test::read_file(file), me + parent);
 }
 
 TEST(TxrxOptions, ValuesAndRefusals) {

@@ -91,14 +91,14 @@ TEST_F(DaemonCommands, SigusrOneSavesWhatWasLoaded) {
 
     // The web interface marks its save request with a flag file.
     write_file(path("var/run/save_flag_file"), "set by the web interface");
-    ASSERT_EQ(::kill(daemon_->pid(), SIGUSR1), 0);
+    ASSERT_TRUE(daemon_->signal(SIGUSR1));
     EXPECT_TRUE(wait_file(kBook, contacts)) << file(kBook);
     EXPECT_TRUE(wait_file(kGroups, groups));
     EXPECT_TRUE(wait_file("var/run/save_flg_file", "save_flag==1\nafter strcpy,parse\n"));
     EXPECT_TRUE(wait_for([&] { return !exists(path("var/run/save_flag_file")); }));
     // A second save writes the same (member lists come back as they were).
     ::unlink(path(kBook).c_str());
-    ASSERT_EQ(::kill(daemon_->pid(), SIGUSR1), 0);
+    ASSERT_TRUE(daemon_->signal(SIGUSR1));
     EXPECT_TRUE(wait_file(kBook, contacts));
 }
 

@@ -110,7 +110,7 @@ TEST_F(DaemonCore, DeadTxrxIsRestartedUnlessADialOutHoldsTheModem) {
 
     ASSERT_TRUE(new_txrx(0));
     const pid_t first = txrx_pid();
-    ::kill(first, SIGKILL);
+    ASSERT_TRUE(signal_process(first, SIGKILL));
     ASSERT_TRUE(new_txrx(first));
     EXPECT_TRUE(wait_for([&] { return starts() == 2; }));
 
@@ -276,9 +276,7 @@ struct Script {
 
 class InitScript : public DaemonStop, public ::testing::WithParamInterface<Script> {
   protected:
-    ~InitScript() override {
-        if (alive(pid_in("var/run/smsgwd.pid"))) ::kill(pid_in("var/run/smsgwd.pid"), SIGKILL);
-    }
+    ~InitScript() override { signal_process(pid_in("var/run/smsgwd.pid"), SIGKILL); }
     int run(const std::string& action) {
         const std::string src = SMSGW_SOURCE_DIR "/packaging/";
         const std::string build = std::filesystem::path(SMSGWD_PATH).parent_path();
@@ -314,7 +312,7 @@ TEST_P(InitScript, RestartsAndRebootsKeepTheBook) {
     ASSERT_EQ(run(GetParam().save), 0) << output();
     const std::string saved = book();
     // A power cut: what was saved is in flash, /var is empty at the boot.
-    ::kill(pid_in("var/run/smsgwd.pid"), SIGKILL);
+    ASSERT_TRUE(signal_process(pid_in("var/run/smsgwd.pid"), SIGKILL));
     std::filesystem::remove_all(path("var"));
     ASSERT_EQ(run("start"), 0) << output();
     EXPECT_EQ(book(), saved);

@@ -110,7 +110,7 @@ TEST_F(DaemonSend, RequestsWhileAJobIsOutstandingAreQueuedCountedAndSentInOrder)
     EXPECT_EQ(jobs().size(), 1u);       // nothing moves while the job is outstanding
 
     // SIGUSR2 resets the counter: the next queued request counts from 0.
-    ::kill(daemon_->pid(), SIGUSR2);
+    ASSERT_TRUE(daemon_->signal(SIGUSR2));
     settle();
     expect.push_back("1005");
     EXPECT_EQ(send("1005", "1005^|^"), "OK");

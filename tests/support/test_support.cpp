@@ -62,7 +62,7 @@ void kill_root_children(const std::string& root) {
     for (const auto& e : fs::directory_iterator("/proc", ec)) {
         pid_t pid = static_cast<pid_t>(std::atoi(e.path().filename().c_str()));
         if (pid > 0 && read_file(e.path() / "cmdline").rfind(root + "/", 0) == 0 &&
-            ::kill(pid, SIGKILL) == 0)
+            signal_process(pid, SIGKILL))
             killed.push_back(pid);
     }
     wait_for([&] { return std::all_of(killed.begin(), killed.end(), process_ended); }, Ms(10000));
@@ -291,9 +291,13 @@ Child::Child(std::vector<std::string> argv, const std::string& out_path,
              const std::string& err_path, const std::vector<std::string>& env, bool append)
     : pid_(spawn(std::move(argv), out_path, err_path, append ? O_APPEND : O_TRUNC, env)) {}
 
+bool signal_process(pid_t pid, int sig) {
+    return pid > 1 && ::kill(pid, sig) == 0;
+}
+
 void Child::kill_now(int sig) {
     if (pid_ <= 0) return;
-    ::kill(pid_, sig);
+    signal_process(pid_, sig);
     if (sig != SIGKILL) return;
     ::waitpid(pid_, nullptr, 0);
     pid_ = -1;

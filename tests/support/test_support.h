@@ -85,6 +85,11 @@ bool exists(const std::string& path);
 // Polls until pred() holds or the deadline passes; returns pred()'s last value.
 bool wait_for(const std::function<bool()>& pred, Ms deadline = Ms(5000));
 
+// kill(2) for one process only. A pid read from a file that is missing, or
+// of a child already reaped, is 0 or -1: those would signal our own group or
+// every process we may signal, so they are refused (false).
+bool signal_process(pid_t pid, int sig);
+
 // Prepares a sandbox root: the directories the daemon expects, an empty
 // api status file, and DIR/bin/txrx (the simulator), DIR/bin/msntp,
 // DIR/bin/http-client and DIR/bin/date, DIR/sbin/create_address_book_tar
@@ -138,7 +143,9 @@ class Child : NoCopy {
         return wait_for([&] { return !running(); }, deadline) ? exit_status_ : -1;
     }
     void kill_now(int sig = 9);  // reaps it after SIGKILL
-    bool running();              // reaps it once it has ended
+    // False once it has ended and been reaped.
+    bool signal(int sig) { return signal_process(pid_, sig); }
+    bool running();  // reaps it once it has ended
     pid_t pid() const { return pid_; }
     // Its exit status once running() saw it end; -1 before, or after a signal.
     int exit_status() const { return exit_status_; }

@@ -223,7 +223,7 @@ class Workload {
             return n;
         };
         const size_t before = done();
-        ::kill(daemon_->pid(), SIGUSR1);
+        daemon_->signal(SIGUSR1);
         if (!wait_until([&] { return done() > before; }, kReplyWait)) ++stats_.odd_replies;
         append_record(log_, encode_record(OpType::Mark, 0, 0, "stable", {}, {}));
     }

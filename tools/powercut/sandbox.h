@@ -5,6 +5,7 @@
 // is reported done).
 #pragma once
 
+#include <signal.h>
 #include <sys/types.h>
 
 #include <chrono>
@@ -49,7 +50,9 @@ class Daemon {
     Daemon(const Daemon&) = delete;
     Daemon& operator=(const Daemon&) = delete;
 
-    pid_t pid() const { return pid_; }
+    // False once it has exited: its pid is then -1, which kill(2) would
+    // take for every process.
+    bool signal(int sig) { return pid_ > 0 && ::kill(pid_, sig) == 0; }
     // False once it has exited.
     bool running();
 

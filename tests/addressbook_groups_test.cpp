@@ -134,6 +134,24 @@ TEST_F(Groups, MembersStaySortedWithTheirReplyTexts) {
     EXPECT_EQ(members(g), V{"Bob/2"});
 }
 
+// A member page holds the ten members from START on (nine when START is 0,
+// as members count from 1) and stops once it is two past the tenth.
+TEST_F(Groups, MemberPagesAreTenMembersFromTheStart) {
+    Group* g = ab.group_create("G");
+    test::Capture none;
+    EXPECT_EQ(ab.group_list_members_page(none.listing, g, 1), 0);
+    for (int i = 10; i < 23; ++i) ab.group_add_member_to(g, add("m" + std::to_string(i)));
+    const int pages[][4] = {{1, 10, 19, 11}, {0, 10, 18, 11}, {11, 20, 22, 2}};
+    for (const auto& [start, first, last, counted] : pages) {
+        test::Capture cap;
+        EXPECT_EQ(ab.group_list_members_page(cap.listing, g, start), 1);
+        std::string want;
+        for (int i = first; i <= last; ++i) want += "16^|^m" + std::to_string(i) + "^|^1^|^^|^";
+        EXPECT_EQ(cap.text(), want) << start;
+        EXPECT_EQ(cap.listing.listed_count, counted) << start;
+    }
+}
+
 TEST_F(Groups, RemovingAContactPurgesItFromEveryGroup) {
     // Two entries whose numbers differ only in case: purging one must leave
     // the other's membership alone.

@@ -11,6 +11,7 @@
 #include <string>
 
 #include "commands/intl_dialing.h"
+#include "commands/line_reader.h"
 #include "commands/service_settings.h"
 #include "support/full_device.h"
 #include "support/test_support.h"
@@ -94,6 +95,10 @@ TEST_F(SettingsTest, DialingLoaderStopsAtTheFirstOfTheTwoLines) {
     }
     std::remove(dialing_file().c_str());
     EXPECT_EQ(load_international_dialing(rt), 0);
+    // The number is looked for only inside the text handed over.
+    for (std::string_view text : {"max-digits=7", "max-digits=-7"})
+        EXPECT_EQ(scan_int_after(text.substr(0, text.size() - 1), "max-digits="), std::nullopt)
+            << text;
 }
 
 TEST_F(SettingsTest, DialingGetSetAndTheSharedWord) {

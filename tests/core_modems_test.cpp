@@ -131,6 +131,9 @@ TEST(CoreTxrxSupervisor, OneChildPerModemAndAZombieRestartsEveryModem) {
     EXPECT_NE(started.find(root / "bin/txrx /dev/ttyS0\n"), std::string::npos) << started;
     EXPECT_NE(started.find(root / "bin/txrx /dev/ttyS3\n"), std::string::npos) << started;
     ASSERT_TRUE(test::wait_for([&] { return process_state(first[1]) == "zombie"; }));
+    // Ended children never come to listen: start-up stops waiting for them.
+    ASSERT_TRUE(test::wait_for([&] { return process_state(first[0]) == "zombie"; }));
+    EXPECT_FALSE(sup.wait_until_listening(first, 1, std::chrono::minutes(1)));
 
     // While a dial-out holds the modem nothing is restarted.
     test::write_file(pid_file, std::to_string(first[1]) + "\n");
@@ -171,7 +174,7 @@ TEST(CoreTxrxSupervisor, StartUpCleanUpEndsOnlyThisRootsTxrxAndTimeClient) {
         int status = 0;
         if (i >= 2) {
             EXPECT_EQ(::waitpid(pids[i], &status, WNOHANG), 0) << names[i] << " was ended";
-            ::kill(pids[i], SIGKILL);
+            test::signal_process(pids[i], SIGKILL);
         }
         ASSERT_EQ(::waitpid(pids[i], &status, 0), pids[i]);
         EXPECT_EQ(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL, true) << names[i];

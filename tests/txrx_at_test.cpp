@@ -11,6 +11,7 @@
 #include "txrx/at_channel.h"
 #include "txrx/job_file.h"
 #include "txrx/job_ledger.h"
+#include "txrx/modem.h"
 #include "txrx/options.h"
 #include "txrx/peers.h"
 
@@ -72,6 +73,18 @@ struct Scripted {
         return n > 0 ? std::string(buf, static_cast<size_t>(n)) : "";
     }
 };
+
+// The weakest signal, 0, is a reading; a field that is no number is none.
+TEST(ModemReplies, SignalReadingsAndIndications) {
+    using Reading = std::optional<std::pair<int, int>>;
+    EXPECT_EQ(parse_signal({"+CSQ: 0,99"}), Reading({0, 99}));
+    EXPECT_EQ(parse_signal({"OK", "+CSQ: ,99", "+CSQ: 7, 3"}), Reading({7, 3}));
+    EXPECT_EQ(parse_signal({"+CSQ: 5"}), std::nullopt);
+    EXPECT_EQ(indication_index("+CMTI: \"SM\",5"), 5);
+    EXPECT_EQ(indication_index("+CDSI: \"SM\",12"), 12);
+    EXPECT_EQ(indication_index("+CMTI: \"SM\""), -1);
+    EXPECT_EQ(indication_index("+CMT: \"SM\",5"), -1);
+}
 
 TEST(AtChannel, AnswersTimeoutsAndUnsolicitedLines) {
     Scripted s;
